@@ -1,0 +1,10 @@
+#pragma once
+
+#include <QStringList>
+#include <QCoro/QCoroTask>
+
+// `quorvane benchmark <manifest.json> [options]`: scores a speech engine on recorded clips.
+// Returns the process exit status.
+namespace SpeechBenchmark {
+QCoro::Task<int> run(const QStringList &arguments);
+} // namespace SpeechBenchmark

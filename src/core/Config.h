@@ -1,0 +1,99 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QList>
+#include <QString>
+#include <QStringList>
+#include <optional>
+
+enum class PushToTalkKey { rightOption, rightCommand, fn };
+enum class AsrKind { appleSpeech, whisperServer };
+enum class FormatterKind { appleFoundation, ollama, none };
+enum class PromptDestination { focusedApp, codex, claude };
+
+// Stored form (the case name) and shown form of each choice; every enumeration lists its cases in
+// their menu order.
+QString rawValue(PushToTalkKey value);
+QString rawValue(AsrKind value);
+QString rawValue(FormatterKind value);
+QString rawValue(PromptDestination value);
+QString displayName(PushToTalkKey value);
+QString displayName(AsrKind value);
+QString displayName(FormatterKind value);
+QString displayName(PromptDestination value);
+
+template <typename E>
+std::optional<E> fromRawValue(const QString &raw);
+template <typename E>
+QList<E> allCases();
+
+struct AppRule {
+    QString bundleIDPrefix;
+    QString styleInstruction;
+    bool operator==(const AppRule &) const = default;
+};
+
+struct SpeechLocaleChoice {
+    QString identifier;
+    QString displayName;
+    static const QList<SpeechLocaleChoice> &all();
+};
+
+struct RecordingLimitChoice {
+    qint64 seconds;
+    QString displayName;
+    static const QList<RecordingLimitChoice> &all();
+};
+
+// Every user setting. Decoding never fails key by key: a bad or missing key takes its default.
+struct Config {
+    PushToTalkKey pushToTalkKey = PushToTalkKey::rightOption;
+    PushToTalkKey editKey = PushToTalkKey::rightCommand;
+    PushToTalkKey promptKey = PushToTalkKey::fn;
+    bool repositoryContextEnabled = true;
+    std::optional<QString> pinnedRepositoryPath;
+    PromptDestination promptDestination = PromptDestination::focusedApp;
+    AsrKind asr = AsrKind::appleSpeech;
+    FormatterKind formatter = FormatterKind::appleFoundation;
+    QString ollamaModel = QStringLiteral("qwen3.5:latest");
+    QString ollamaEndpoint = defaultOllamaEndpoint();
+    QString whisperEndpoint = defaultWhisperEndpoint();
+    QString locale = QStringLiteral("en-US");
+    bool voiceProcessingEnabled = true;
+    std::optional<QStringList> captureCommand;
+    qint64 formatterTimeoutMS = 2500;
+    qint64 maximumRecordingSeconds = 180;
+    double guardMinContentRetention = 0.6;
+    double guardMaxLengthRatio = 2.5;
+    qint64 guardMinWordsForLLM = 2;
+    bool retainAudio = false;
+    bool retainHistory = false;
+    bool learnVocabulary = true;
+    bool playSounds = true;
+    bool showOverlay = true;
+    bool didCompleteOnboarding = false;
+    bool launchAtLogin = false;
+    QList<AppRule> appRules = defaultAppRules();
+
+    bool operator==(const Config &) const = default;
+
+    static QString defaultOllamaEndpoint() { return QStringLiteral("http://127.0.0.1:11434"); }
+    static QString defaultWhisperEndpoint() { return QStringLiteral("http://127.0.0.1:8080"); }
+    static QList<AppRule> defaultAppRules();
+
+    // Fails (nullopt) only when `json` is not an object; everything inside is repaired.
+    static std::optional<Config> decode(const QByteArray &json);
+    static Config fromJson(const QJsonObject &object);
+    QJsonObject toJson() const;
+    // Pretty-printed with keys sorted; absent optional keys are omitted.
+    QByteArray encode() const;
+
+    // Never fails: a missing file is created with the defaults; an unreadable one is set aside as
+    // "config.invalid.json" and replaced by the defaults.
+    static Config load(const QString &path);
+    // Atomic, owner-only; failures leave the file as it was.
+    void save(const QString &path) const;
+
+    std::optional<QString> styleInstruction(const std::optional<QString> &bundleID) const;
+    qint64 formatterTimeoutCeiling(qint64 base) const;
+};

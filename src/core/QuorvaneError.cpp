@@ -1,0 +1,67 @@
+#include "core/QuorvaneError.h"
+
+QuorvaneError::QuorvaneError(Case errorCase, QString detail)
+    : m_case(errorCase), m_detail(std::move(detail)), m_what(message().toStdString()) {}
+
+QString QuorvaneError::message() const {
+    switch (m_case) {
+    case Case::localeUnsupported:
+        return QStringLiteral("On-device speech recognition does not support ") + m_detail;
+    case Case::speechModelUnavailable:
+        return QStringLiteral("The speech model is unavailable: ") + m_detail;
+    case Case::formatterUnavailable:
+        return QStringLiteral("The formatting model is unavailable: ") + m_detail;
+    case Case::injectionFailed:
+        return QStringLiteral("Could not insert text: ") + m_detail;
+    case Case::selectionUnavailable:
+        return QStringLiteral("This app did not expose an editable text selection (") + m_detail + QStringLiteral(").");
+    case Case::repositoryUnavailable:
+    case Case::agentUnavailable:
+        return m_detail;
+    case Case::agentHandoffFailed:
+        return QStringLiteral("Could not hand off the prompt: ") + m_detail;
+    case Case::noAudioInput:
+        return QStringLiteral("No audio input device is available.");
+    case Case::audioFormatUnsupported:
+        return QStringLiteral("Could not convert microphone audio to a format the recogniser accepts.");
+    case Case::microphoneDenied:
+        return QStringLiteral(
+            "Microphone access was denied. Grant it in Settings \u203A Privacy & Security \u203A Microphone.");
+    case Case::accessibilityDenied:
+        return QStringLiteral("Accessibility access is required to watch the hotkey and paste text.");
+    case Case::formatterTimedOut:
+        return QStringLiteral("Formatting exceeded its time budget.");
+    case Case::destinationChanged:
+        return QStringLiteral("The destination app changed while you were speaking.");
+    case Case::noTextSelected:
+        return QStringLiteral("Select text first, then hold the Edit in Place key.");
+    case Case::secureTextSelected:
+        return QStringLiteral("Quorvane never reads or edits password and secure-entry fields.");
+    case Case::selectionChanged:
+        return QStringLiteral("The selection changed while you were speaking. Nothing was replaced.");
+    }
+    return {};
+}
+
+QString QuorvaneError::caseName() const {
+    switch (m_case) {
+    case Case::localeUnsupported: return QStringLiteral("localeUnsupported");
+    case Case::speechModelUnavailable: return QStringLiteral("speechModelUnavailable");
+    case Case::formatterUnavailable: return QStringLiteral("formatterUnavailable");
+    case Case::injectionFailed: return QStringLiteral("injectionFailed");
+    case Case::selectionUnavailable: return QStringLiteral("selectionUnavailable");
+    case Case::repositoryUnavailable: return QStringLiteral("repositoryUnavailable");
+    case Case::agentUnavailable: return QStringLiteral("agentUnavailable");
+    case Case::agentHandoffFailed: return QStringLiteral("agentHandoffFailed");
+    case Case::noAudioInput: return QStringLiteral("noAudioInput");
+    case Case::audioFormatUnsupported: return QStringLiteral("audioFormatUnsupported");
+    case Case::microphoneDenied: return QStringLiteral("microphoneDenied");
+    case Case::accessibilityDenied: return QStringLiteral("accessibilityDenied");
+    case Case::formatterTimedOut: return QStringLiteral("formatterTimedOut");
+    case Case::destinationChanged: return QStringLiteral("destinationChanged");
+    case Case::noTextSelected: return QStringLiteral("noTextSelected");
+    case Case::secureTextSelected: return QStringLiteral("secureTextSelected");
+    case Case::selectionChanged: return QStringLiteral("selectionChanged");
+    }
+    return {};
+}

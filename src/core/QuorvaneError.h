@@ -1,0 +1,67 @@
+#pragma once
+
+#include <QString>
+#include <exception>
+#include <string>
+
+// The one error type that reaches the user: each case carries its own message.
+class QuorvaneError : public std::exception {
+public:
+    enum class Case {
+        localeUnsupported,
+        speechModelUnavailable,
+        formatterUnavailable,
+        injectionFailed,
+        selectionUnavailable,
+        repositoryUnavailable,
+        agentUnavailable,
+        agentHandoffFailed,
+        noAudioInput,
+        audioFormatUnsupported,
+        microphoneDenied,
+        accessibilityDenied,
+        formatterTimedOut,
+        destinationChanged,
+        noTextSelected,
+        secureTextSelected,
+        selectionChanged,
+    };
+
+    explicit QuorvaneError(Case errorCase, QString detail = {});
+
+    Case errorCase() const { return m_case; }
+    const QString &detail() const { return m_detail; }
+    // The user-facing sentence.
+    QString message() const;
+    // The case name as written in logs ("formatterTimedOut").
+    QString caseName() const;
+    const char *what() const noexcept override { return m_what.c_str(); }
+
+    bool operator==(const QuorvaneError &other) const {
+        return m_case == other.m_case && m_detail == other.m_detail;
+    }
+
+    static QuorvaneError localeUnsupported(const QString &locale) { return QuorvaneError(Case::localeUnsupported, locale); }
+    static QuorvaneError speechModelUnavailable(const QString &reason) {
+        return QuorvaneError(Case::speechModelUnavailable, reason);
+    }
+    static QuorvaneError formatterUnavailable(const QString &reason) {
+        return QuorvaneError(Case::formatterUnavailable, reason);
+    }
+    static QuorvaneError injectionFailed(const QString &reason) { return QuorvaneError(Case::injectionFailed, reason); }
+    static QuorvaneError selectionUnavailable(const QString &reason) {
+        return QuorvaneError(Case::selectionUnavailable, reason);
+    }
+    static QuorvaneError repositoryUnavailable(const QString &reason) {
+        return QuorvaneError(Case::repositoryUnavailable, reason);
+    }
+    static QuorvaneError agentUnavailable(const QString &reason) { return QuorvaneError(Case::agentUnavailable, reason); }
+    static QuorvaneError agentHandoffFailed(const QString &reason) {
+        return QuorvaneError(Case::agentHandoffFailed, reason);
+    }
+
+private:
+    Case m_case;
+    QString m_detail;
+    std::string m_what;
+};

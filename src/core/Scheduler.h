@@ -1,0 +1,55 @@
+#pragma once
+
+#include <QtGlobal>
+#include <QCoro/QCoroTask>
+#include <atomic>
+#include <coroutine>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+
+// Time as the rest of the system sees it. Code with timers takes a Scheduler so that tests can
+// drive time by hand (ManualScheduler) instead of sleeping.
+class Scheduler {
+public:
+    // Cancels the action when set; an action that already ran is unaffected.
+    using Handle = std::shared_ptr<std::atomic<bool>>;
+
+    virtual ~Scheduler() = default;
+    // Milliseconds on a monotonic clock.
+    virtual qint64 nowMs() const = 0;
+    // Runs `action` on the calling thread's event loop after `delayMs`.
+    virtual Handle schedule(qint64 delayMs, std::function<void()> action) = 0;
+
+    static void cancel(const Handle &handle) {
+        if (handle)
+            handle->store(true);
+    }
+    // Suspends the calling coroutine for `delayMs`.
+    QCoro::Task<void> sleep(qint64 delayMs);
+
+    // The real clock and Qt timers.
+    static Scheduler &system();
+};
+
+// Time that moves only when a test says so. Due actions run in order of their due time, then of
+// scheduling.
+class ManualScheduler final : public Scheduler {
+public:
+    qint64 nowMs() const override;
+    Handle schedule(qint64 delayMs, std::function<void()> action) override;
+    // Moves time forward by `ms`, running every action that falls due on the way.
+    void advance(qint64 ms);
+    std::size_t pendingCount() const;
+
+private:
+    struct Entry {
+        Handle handle;
+        std::function<void()> action;
+    };
+    mutable std::mutex m_mutex;
+    qint64 m_now = 0;
+    std::uint64_t m_sequence = 0;
+    std::multimap<std::pair<qint64, std::uint64_t>, Entry> m_entries;
+};

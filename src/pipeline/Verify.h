@@ -1,0 +1,10 @@
+#pragma once
+
+#include <QString>
+#include <QCoro/QCoroTask>
+
+// `quorvane transcribe <wav> [locale]`: one recorded file through recognition, formatting and the
+// guard, with a printed report. Returns the process exit status.
+namespace Verify {
+QCoro::Task<int> run(const QString &wavPath, const QString &locale);
+} // namespace Verify
