@@ -1,7 +1,7 @@
 #pragma once
 
-#include <QStringList>
 #include <QCoro/QCoroTask>
+#include <QStringList>
 
 // `quorvane benchmark <manifest.json> [options]`: scores a speech engine on recorded clips.
 // Returns the process exit status.

@@ -1,12 +1,12 @@
 #pragma once
 
 #include <QCoreApplication>
+#include <QCoro/QCoroTask>
 #include <QEventLoop>
 #include <QMetaObject>
 #include <QObject>
 #include <QPointer>
 #include <QTimer>
-#include <QCoro/QCoroTask>
 #include <exception>
 #include <functional>
 #include <optional>
@@ -14,8 +14,7 @@
 
 // Runs `work` on the thread of `context` (normally the main thread) unless `context` has been
 // destroyed by then: callbacks from worker threads never touch a dead owner.
-template <typename Context, typename Work>
-void runOn(Context *context, Work &&work) {
+template <typename Context, typename Work> void runOn(Context *context, Work &&work) {
     QPointer<Context> guard(context);
     QMetaObject::invokeMethod(
         context,
@@ -27,8 +26,7 @@ void runOn(Context *context, Work &&work) {
 }
 
 // Starts a task nobody awaits; an exception escaping it is handed to `onError` instead of vanishing.
-template <typename T>
-void detach(QCoro::Task<T> task, std::function<void(std::exception_ptr)> onError = {}) {
+template <typename T> void detach(QCoro::Task<T> task, std::function<void(std::exception_ptr)> onError = {}) {
     [](QCoro::Task<T> inner, std::function<void(std::exception_ptr)> handler) -> QCoro::Task<void> {
         try {
             co_await std::move(inner);
@@ -41,8 +39,7 @@ void detach(QCoro::Task<T> task, std::function<void(std::exception_ptr)> onError
 
 // Runs the event loop until `task` finishes and returns its value or rethrows its exception.
 // For tests and command-line code; QCoro's own waitFor hangs when the task throws.
-template <typename T>
-T syncWait(QCoro::Task<T> task) {
+template <typename T> T syncWait(QCoro::Task<T> task) {
     QEventLoop loop;
     bool finished = false;
     std::exception_ptr error;

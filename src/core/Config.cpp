@@ -15,8 +15,7 @@
 
 namespace {
 
-template <typename E>
-struct EnumCase {
+template <typename E> struct EnumCase {
     E value;
     const char *raw;
     const char *display;
@@ -42,27 +41,21 @@ const EnumCase<PromptDestination> promptDestinations[] = {
     {PromptDestination::claude, "claude", "Claude Code"},
 };
 
-template <typename E>
-const auto &table();
-template <>
-const auto &table<PushToTalkKey>() {
+template <typename E> const auto &table();
+template <> const auto &table<PushToTalkKey>() {
     return pushToTalkKeys;
 }
-template <>
-const auto &table<AsrKind>() {
+template <> const auto &table<AsrKind>() {
     return asrKinds;
 }
-template <>
-const auto &table<FormatterKind>() {
+template <> const auto &table<FormatterKind>() {
     return formatterKinds;
 }
-template <>
-const auto &table<PromptDestination>() {
+template <> const auto &table<PromptDestination>() {
     return promptDestinations;
 }
 
-template <typename E>
-const EnumCase<E> &entry(E value) {
+template <typename E> const EnumCase<E> &entry(E value) {
     for (const auto &candidate : table<E>())
         if (candidate.value == value)
             return candidate;
@@ -97,8 +90,7 @@ std::optional<qint64> readInteger(const QJsonObject &object, const char *key) {
     return value.toInteger(static_cast<qint64>(number));
 }
 
-template <typename E>
-std::optional<E> readEnum(const QJsonObject &object, const char *key) {
+template <typename E> std::optional<E> readEnum(const QJsonObject &object, const char *key) {
     const auto raw = readString(object, key);
     return raw ? fromRawValue<E>(*raw) : std::nullopt;
 }
@@ -142,25 +134,39 @@ PushToTalkKey firstFreeKey(std::initializer_list<PushToTalkKey> taken) {
 
 } // namespace
 
-QString rawValue(PushToTalkKey value) { return QString::fromUtf8(entry(value).raw); }
-QString rawValue(AsrKind value) { return QString::fromUtf8(entry(value).raw); }
-QString rawValue(FormatterKind value) { return QString::fromUtf8(entry(value).raw); }
-QString rawValue(PromptDestination value) { return QString::fromUtf8(entry(value).raw); }
-QString displayName(PushToTalkKey value) { return QString::fromUtf8(entry(value).display); }
-QString displayName(AsrKind value) { return QString::fromUtf8(entry(value).display); }
-QString displayName(FormatterKind value) { return QString::fromUtf8(entry(value).display); }
-QString displayName(PromptDestination value) { return QString::fromUtf8(entry(value).display); }
+QString rawValue(PushToTalkKey value) {
+    return QString::fromUtf8(entry(value).raw);
+}
+QString rawValue(AsrKind value) {
+    return QString::fromUtf8(entry(value).raw);
+}
+QString rawValue(FormatterKind value) {
+    return QString::fromUtf8(entry(value).raw);
+}
+QString rawValue(PromptDestination value) {
+    return QString::fromUtf8(entry(value).raw);
+}
+QString displayName(PushToTalkKey value) {
+    return QString::fromUtf8(entry(value).display);
+}
+QString displayName(AsrKind value) {
+    return QString::fromUtf8(entry(value).display);
+}
+QString displayName(FormatterKind value) {
+    return QString::fromUtf8(entry(value).display);
+}
+QString displayName(PromptDestination value) {
+    return QString::fromUtf8(entry(value).display);
+}
 
-template <typename E>
-std::optional<E> fromRawValue(const QString &raw) {
+template <typename E> std::optional<E> fromRawValue(const QString &raw) {
     for (const auto &candidate : table<E>())
         if (raw == QLatin1String(candidate.raw))
             return candidate.value;
     return std::nullopt;
 }
 
-template <typename E>
-QList<E> allCases() {
+template <typename E> QList<E> allCases() {
     QList<E> cases;
     for (const auto &candidate : table<E>())
         cases.append(candidate.value);
@@ -205,7 +211,8 @@ QList<AppRule> Config::defaultAppRules() {
     return {
         {QStringLiteral("com.tinyspeck.slackmacgap"),
          QStringLiteral("Casual team-chat tone. Keep it brief. No greeting or sign-off.")},
-        {QStringLiteral("com.apple.mail"), QStringLiteral("Professional email prose. Complete sentences and paragraphs.")},
+        {QStringLiteral("com.apple.mail"),
+         QStringLiteral("Professional email prose. Complete sentences and paragraphs.")},
         {QStringLiteral("com.apple.MobileSMS"), QStringLiteral("Casual text message. Short. Contractions are fine.")},
         {QStringLiteral("com.microsoft.VSCode"),
          QStringLiteral("Technical tone. Preserve code identifiers, file paths and symbols exactly as spoken.")},
@@ -219,8 +226,8 @@ Config Config::fromJson(const QJsonObject &o) {
     c.pushToTalkKey = readEnum<PushToTalkKey>(o, "pushToTalkKey").value_or(PushToTalkKey::rightOption);
     c.editKey = readEnum<PushToTalkKey>(o, "editKey").value_or(PushToTalkKey::rightCommand);
     if (c.editKey == c.pushToTalkKey)
-        c.editKey = c.pushToTalkKey == PushToTalkKey::rightOption ? PushToTalkKey::rightCommand
-                                                                  : PushToTalkKey::rightOption;
+        c.editKey =
+            c.pushToTalkKey == PushToTalkKey::rightOption ? PushToTalkKey::rightCommand : PushToTalkKey::rightOption;
     c.promptKey = readEnum<PushToTalkKey>(o, "promptKey").value_or(PushToTalkKey::fn);
     if (c.promptKey == c.pushToTalkKey || c.promptKey == c.editKey)
         c.promptKey = firstFreeKey({c.pushToTalkKey, c.editKey});

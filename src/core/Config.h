@@ -22,10 +22,8 @@ QString displayName(AsrKind value);
 QString displayName(FormatterKind value);
 QString displayName(PromptDestination value);
 
-template <typename E>
-std::optional<E> fromRawValue(const QString &raw);
-template <typename E>
-QList<E> allCases();
+template <typename E> std::optional<E> fromRawValue(const QString &raw);
+template <typename E> QList<E> allCases();
 
 struct AppRule {
     QString bundleIDPrefix;

@@ -52,7 +52,9 @@ void write(const QString &level, const QString &message) {
     });
 }
 
-void flush() { state().queue.drain(); }
+void flush() {
+    state().queue.drain();
+}
 
 void setObserver(std::function<void(const QString &level, const QString &message)> observer) {
     State &s = state();

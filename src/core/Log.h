@@ -9,9 +9,15 @@
 namespace Log {
 
 void write(const QString &level, const QString &message);
-inline void info(const QString &message) { write(QStringLiteral("INFO"), message); }
-inline void warn(const QString &message) { write(QStringLiteral("WARN"), message); }
-inline void error(const QString &message) { write(QStringLiteral("ERROR"), message); }
+inline void info(const QString &message) {
+    write(QStringLiteral("INFO"), message);
+}
+inline void warn(const QString &message) {
+    write(QStringLiteral("WARN"), message);
+}
+inline void error(const QString &message) {
+    write(QStringLiteral("ERROR"), message);
+}
 
 // "HH:mm:ss.SSS [LEVEL] message\n" with line breaks (and the white space around them) folded.
 QString formatLine(const QTime &time, const QString &level, const QString &message);

@@ -12,7 +12,8 @@ namespace Paths {
 namespace {
 
 constexpr QFileDevice::Permissions ownerFile = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
-constexpr QFileDevice::Permissions ownerDirectory = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
+constexpr QFileDevice::Permissions ownerDirectory =
+    QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
 
 QString computeRoot() {
     const QString overridden = qEnvironmentVariable("QUORVANE_HOME");
@@ -39,7 +40,9 @@ QString root() {
     return value;
 }
 
-QString file(const QString &name) { return root() + QLatin1Char('/') + name; }
+QString file(const QString &name) {
+    return root() + QLatin1Char('/') + name;
+}
 
 void prepare(const QString &directory, const QString &legacyDirectory) {
     if (!legacyDirectory.isEmpty() && QFileInfo(legacyDirectory).isDir() && !QFileInfo::exists(directory)) {
@@ -63,9 +66,13 @@ void prepare(const QString &directory, const QString &legacyDirectory) {
     }
 }
 
-void protectFile(const QString &path) { QFile::setPermissions(path, ownerFile); }
+void protectFile(const QString &path) {
+    QFile::setPermissions(path, ownerFile);
+}
 
-void protectDirectory(const QString &path) { QFile::setPermissions(path, ownerDirectory); }
+void protectDirectory(const QString &path) {
+    QFile::setPermissions(path, ownerDirectory);
+}
 
 bool makeProtectedDirectory(const QString &path) {
     if (!QDir().mkpath(path))

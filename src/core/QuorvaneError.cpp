@@ -45,23 +45,40 @@ QString QuorvaneError::message() const {
 
 QString QuorvaneError::caseName() const {
     switch (m_case) {
-    case Case::localeUnsupported: return QStringLiteral("localeUnsupported");
-    case Case::speechModelUnavailable: return QStringLiteral("speechModelUnavailable");
-    case Case::formatterUnavailable: return QStringLiteral("formatterUnavailable");
-    case Case::injectionFailed: return QStringLiteral("injectionFailed");
-    case Case::selectionUnavailable: return QStringLiteral("selectionUnavailable");
-    case Case::repositoryUnavailable: return QStringLiteral("repositoryUnavailable");
-    case Case::agentUnavailable: return QStringLiteral("agentUnavailable");
-    case Case::agentHandoffFailed: return QStringLiteral("agentHandoffFailed");
-    case Case::noAudioInput: return QStringLiteral("noAudioInput");
-    case Case::audioFormatUnsupported: return QStringLiteral("audioFormatUnsupported");
-    case Case::microphoneDenied: return QStringLiteral("microphoneDenied");
-    case Case::accessibilityDenied: return QStringLiteral("accessibilityDenied");
-    case Case::formatterTimedOut: return QStringLiteral("formatterTimedOut");
-    case Case::destinationChanged: return QStringLiteral("destinationChanged");
-    case Case::noTextSelected: return QStringLiteral("noTextSelected");
-    case Case::secureTextSelected: return QStringLiteral("secureTextSelected");
-    case Case::selectionChanged: return QStringLiteral("selectionChanged");
+    case Case::localeUnsupported:
+        return QStringLiteral("localeUnsupported");
+    case Case::speechModelUnavailable:
+        return QStringLiteral("speechModelUnavailable");
+    case Case::formatterUnavailable:
+        return QStringLiteral("formatterUnavailable");
+    case Case::injectionFailed:
+        return QStringLiteral("injectionFailed");
+    case Case::selectionUnavailable:
+        return QStringLiteral("selectionUnavailable");
+    case Case::repositoryUnavailable:
+        return QStringLiteral("repositoryUnavailable");
+    case Case::agentUnavailable:
+        return QStringLiteral("agentUnavailable");
+    case Case::agentHandoffFailed:
+        return QStringLiteral("agentHandoffFailed");
+    case Case::noAudioInput:
+        return QStringLiteral("noAudioInput");
+    case Case::audioFormatUnsupported:
+        return QStringLiteral("audioFormatUnsupported");
+    case Case::microphoneDenied:
+        return QStringLiteral("microphoneDenied");
+    case Case::accessibilityDenied:
+        return QStringLiteral("accessibilityDenied");
+    case Case::formatterTimedOut:
+        return QStringLiteral("formatterTimedOut");
+    case Case::destinationChanged:
+        return QStringLiteral("destinationChanged");
+    case Case::noTextSelected:
+        return QStringLiteral("noTextSelected");
+    case Case::secureTextSelected:
+        return QStringLiteral("secureTextSelected");
+    case Case::selectionChanged:
+        return QStringLiteral("selectionChanged");
     }
     return {};
 }

@@ -37,11 +37,11 @@ public:
     QString caseName() const;
     const char *what() const noexcept override { return m_what.c_str(); }
 
-    bool operator==(const QuorvaneError &other) const {
-        return m_case == other.m_case && m_detail == other.m_detail;
-    }
+    bool operator==(const QuorvaneError &other) const { return m_case == other.m_case && m_detail == other.m_detail; }
 
-    static QuorvaneError localeUnsupported(const QString &locale) { return QuorvaneError(Case::localeUnsupported, locale); }
+    static QuorvaneError localeUnsupported(const QString &locale) {
+        return QuorvaneError(Case::localeUnsupported, locale);
+    }
     static QuorvaneError speechModelUnavailable(const QString &reason) {
         return QuorvaneError(Case::speechModelUnavailable, reason);
     }
@@ -55,7 +55,9 @@ public:
     static QuorvaneError repositoryUnavailable(const QString &reason) {
         return QuorvaneError(Case::repositoryUnavailable, reason);
     }
-    static QuorvaneError agentUnavailable(const QString &reason) { return QuorvaneError(Case::agentUnavailable, reason); }
+    static QuorvaneError agentUnavailable(const QString &reason) {
+        return QuorvaneError(Case::agentUnavailable, reason);
+    }
     static QuorvaneError agentHandoffFailed(const QString &reason) {
         return QuorvaneError(Case::agentHandoffFailed, reason);
     }

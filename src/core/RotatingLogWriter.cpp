@@ -8,7 +8,9 @@
 RotatingLogWriter::RotatingLogWriter(QString path, qint64 maxBytes, int backupCount)
     : m_path(std::move(path)), m_maxBytes(maxBytes), m_backupCount(backupCount) {}
 
-QString RotatingLogWriter::backupPath(int number) const { return m_path + QLatin1Char('.') + QString::number(number); }
+QString RotatingLogWriter::backupPath(int number) const {
+    return m_path + QLatin1Char('.') + QString::number(number);
+}
 
 void RotatingLogWriter::rotateIfNeeded(qint64 adding) {
     const QFileInfo live(m_path);

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <QtGlobal>
 #include <QCoro/QCoroTask>
+#include <QtGlobal>
 #include <atomic>
 #include <coroutine>
 #include <functional>

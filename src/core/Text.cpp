@@ -7,21 +7,41 @@ namespace Text {
 
 bool isWhitespaceOrNewline(char32_t c) {
     switch (c) {
-    case 0x0009: case 0x000A: case 0x000B: case 0x000C: case 0x000D: case 0x0020: case 0x0085: case 0x00A0:
-    case 0x1680: case 0x2028: case 0x2029: case 0x202F: case 0x205F: case 0x3000:
+    case 0x0009:
+    case 0x000A:
+    case 0x000B:
+    case 0x000C:
+    case 0x000D:
+    case 0x0020:
+    case 0x0085:
+    case 0x00A0:
+    case 0x1680:
+    case 0x2028:
+    case 0x2029:
+    case 0x202F:
+    case 0x205F:
+    case 0x3000:
         return true;
     default:
         return c >= 0x2000 && c <= 0x200A;
     }
 }
 
-bool isLetter(char32_t c) { return QChar::isLetter(c); }
+bool isLetter(char32_t c) {
+    return QChar::isLetter(c);
+}
 
-bool isDigit(char32_t c) { return QChar::isNumber(c); }
+bool isDigit(char32_t c) {
+    return QChar::isNumber(c);
+}
 
-bool isAlphanumeric(char32_t c) { return QChar::isLetterOrNumber(c) || QChar::isMark(c); }
+bool isAlphanumeric(char32_t c) {
+    return QChar::isLetterOrNumber(c) || QChar::isMark(c);
+}
 
-bool isPunctuation(char32_t c) { return QChar::isPunct(c); }
+bool isPunctuation(char32_t c) {
+    return QChar::isPunct(c);
+}
 
 QString trimmed(const QString &text) {
     const QList<char32_t> points = codePoints(text);
@@ -36,9 +56,13 @@ QString trimmed(const QString &text) {
     return QString::fromUcs4(points.constData() + begin, end - begin);
 }
 
-QString lower(const QString &text) { return text.toLower(); }
+QString lower(const QString &text) {
+    return text.toLower();
+}
 
-QString upper(const QString &text) { return text.toUpper(); }
+QString upper(const QString &text) {
+    return text.toUpper();
+}
 
 QString fold(const QString &text, int options) {
     QString result = text;

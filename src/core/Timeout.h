@@ -3,10 +3,10 @@
 #include "core/Scheduler.h"
 
 #include <QCoreApplication>
+#include <QCoro/QCoroTask>
 #include <QMetaObject>
 #include <QObject>
 #include <QPointer>
-#include <QCoro/QCoroTask>
 #include <coroutine>
 #include <exception>
 #include <functional>
@@ -16,8 +16,7 @@
 #include <type_traits>
 
 // The outcome of an operation run under a time budget: its value, its error, or "timed out".
-template <typename T>
-struct TimeoutOutcome {
+template <typename T> struct TimeoutOutcome {
     using Value = std::conditional_t<std::is_void_v<T>, bool, T>;
     std::optional<Value> value;
     std::exception_ptr error;
@@ -34,8 +33,7 @@ struct TimeoutOutcome {
 namespace detail {
 
 // Resolved once: the first of the operation and the timer wins, later resolutions are dropped.
-template <typename T>
-class TimeoutResolution {
+template <typename T> class TimeoutResolution {
 public:
     TimeoutResolution() : m_anchor(new QObject) {}
     ~TimeoutResolution() {
@@ -55,7 +53,8 @@ public:
         }
         // Resume on the waiting coroutine's thread and stack, never inside the winner's frame.
         if (waiting)
-            QMetaObject::invokeMethod(m_anchor, [waiting] { waiting.resume(); }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                m_anchor, [waiting] { waiting.resume(); }, Qt::QueuedConnection);
         return true;
     }
 
@@ -95,8 +94,7 @@ template <typename T>
 QCoro::Task<TimeoutOutcome<T>> withTimeout(qint64 milliseconds, std::function<QCoro::Task<T>()> operation,
                                            Scheduler &scheduler = Scheduler::system()) {
     auto resolution = std::make_shared<detail::TimeoutResolution<T>>();
-    [](std::shared_ptr<detail::TimeoutResolution<T>> state,
-       std::function<QCoro::Task<T>()> op) -> QCoro::Task<void> {
+    [](std::shared_ptr<detail::TimeoutResolution<T>> state, std::function<QCoro::Task<T>()> op) -> QCoro::Task<void> {
         TimeoutOutcome<T> outcome;
         try {
             if constexpr (std::is_void_v<T>) {

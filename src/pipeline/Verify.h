@@ -1,7 +1,7 @@
 #pragma once
 
-#include <QString>
 #include <QCoro/QCoroTask>
+#include <QString>
 
 // `quorvane transcribe <wav> [locale]`: one recorded file through recognition, formatting and the
 // guard, with a printed report. Returns the process exit status.

@@ -2,6 +2,8 @@
 
 namespace AppInfo {
 
-QString version() { return versionFrom(QStringLiteral(QUORVANE_VERSION)); }
+QString version() {
+    return versionFrom(QStringLiteral(QUORVANE_VERSION));
+}
 
 } // namespace AppInfo

@@ -14,7 +14,8 @@ XdgAutostart::XdgAutostart(QString entryPath, QString executable)
 
 XdgAutostart XdgAutostart::forCurrentUser() {
     const QString config = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation);
-    return XdgAutostart(config + QStringLiteral("/autostart/quorvane.desktop"), QCoreApplication::applicationFilePath());
+    return XdgAutostart(config + QStringLiteral("/autostart/quorvane.desktop"),
+                        QCoreApplication::applicationFilePath());
 }
 
 QByteArray XdgAutostart::entry() const {
@@ -26,7 +27,9 @@ QByteArray XdgAutostart::entry() const {
            quoted.toUtf8() + QByteArray("\"\nTerminal=false\nX-GNOME-Autostart-enabled=true\n");
 }
 
-bool XdgAutostart::isEnabled() { return QFileInfo::exists(m_entryPath); }
+bool XdgAutostart::isEnabled() {
+    return QFileInfo::exists(m_entryPath);
+}
 
 QString XdgAutostart::enable() {
     const QString folder = QFileInfo(m_entryPath).absolutePath();

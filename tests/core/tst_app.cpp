@@ -1,0 +1,202 @@
+#include "core/AppInfo.h"
+#include "core/CommandLine.h"
+#include "core/LaunchAtLogin.h"
+#include "core/Log.h"
+#include "core/Paths.h"
+#include "platform/linux/XdgAutostart.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+constexpr auto ownerOnlyMask = QFileDevice::ReadGroup | QFileDevice::WriteGroup | QFileDevice::ExeGroup |
+                               QFileDevice::ReadOther | QFileDevice::WriteOther | QFileDevice::ExeOther;
+
+class ScriptedLoginItem final : public LaunchAtLogin::Service {
+public:
+    bool enabled = false;
+    QString failure;
+    int enableCalls = 0;
+    int disableCalls = 0;
+    bool isEnabled() override { return enabled; }
+    QString enable() override {
+        ++enableCalls;
+        enabled = failure.isEmpty();
+        return failure;
+    }
+    QString disable() override {
+        ++disableCalls;
+        enabled = !failure.isEmpty();
+        return failure;
+    }
+};
+
+QByteArray readAll(const QString &path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Starts the real application with its data directory in `home` and waits until it has written
+// its settings, then stops it.
+void runApplicationOnce(const QString &home) {
+    QProcess app;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("QUORVANE_HOME"), home);
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    app.setProcessEnvironment(environment);
+    const auto starts = [&] { return readAll(home + "/quorvane.log").count(" started\n"); };
+    const qsizetype before = starts();
+    app.start(QStringLiteral(QUORVANE_BINARY), {});
+    QVERIFY(app.waitForStarted());
+    QTRY_VERIFY_WITH_TIMEOUT(starts() > before, 10000);
+    app.terminate();
+    QVERIFY(app.waitForFinished(5000));
+}
+
+} // namespace
+
+class AppTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void dispatch_data() {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<Command>("expected");
+        auto transcribe = [](QString path, QString locale) {
+            Command c;
+            c.kind = Command::Kind::transcribe;
+            c.wavPath = path;
+            c.locale = locale;
+            return c;
+        };
+        auto benchmark = [](QStringList rest) {
+            Command c;
+            c.kind = Command::Kind::benchmark;
+            c.commandArguments = rest;
+            return c;
+        };
+        QTest::newRow("default locale") << QStringList{"q", "transcribe", "a.wav"} << transcribe("a.wav", "en-US");
+        QTest::newRow("locale") << QStringList{"q", "transcribe", "a.wav", "en-GB"} << transcribe("a.wav", "en-GB");
+        QTest::newRow("extra ignored") << QStringList{"q", "transcribe", "a.wav", "en-GB", "x"}
+                                       << transcribe("a.wav", "en-GB");
+        QTest::newRow("transcribe alone") << QStringList{"q", "transcribe"} << Command();
+        QTest::newRow("benchmark alone") << QStringList{"q", "benchmark"} << benchmark({});
+        QTest::newRow("benchmark args") << QStringList{"q", "benchmark", "m.json", "--limit", "3"}
+                                        << benchmark({"m.json", "--limit", "3"});
+        QTest::newRow("case matters") << QStringList{"q", "Transcribe", "a.wav"} << Command();
+        QTest::newRow("upper benchmark") << QStringList{"q", "BENCHMARK"} << Command();
+        QTest::newRow("nothing") << QStringList{"q"} << Command();
+        QTest::newRow("program name only counts as argument zero") << QStringList{"transcribe", "a", "b"} << Command();
+    }
+    void dispatch() {
+        QFETCH(QStringList, arguments);
+        QTEST(Command::parse(arguments), "expected");
+    }
+
+    void versionString() {
+        QCOMPARE(AppInfo::versionFrom(std::nullopt), QStringLiteral("v0.1.0"));
+        QCOMPARE(AppInfo::versionFrom(QStringLiteral("2.3")), QStringLiteral("v2.3"));
+        QCOMPARE(AppInfo::version(), QStringLiteral("v" QUORVANE_VERSION));
+    }
+
+    void launchAtLoginActsOnlyOnChange() {
+        QStringList lines;
+        Log::setObserver([&](const QString &level, const QString &message) { lines.append(level + u' ' + message); });
+        ScriptedLoginItem item;
+        LaunchAtLogin::apply(item, true);
+        LaunchAtLogin::apply(item, true);
+        QCOMPARE(item.enableCalls, 1);
+        LaunchAtLogin::apply(item, false);
+        LaunchAtLogin::apply(item, false);
+        QCOMPARE(item.disableCalls, 1);
+        item.failure = QStringLiteral("Operation not permitted");
+        LaunchAtLogin::apply(item, true);
+        Log::setObserver({});
+        QCOMPARE(lines, QStringList{"ERROR Could not change launch-at-login: Operation not permitted"});
+    }
+
+    void xdgAutostartEntry() {
+        QTemporaryDir dir;
+        const QString entryPath = dir.filePath(QStringLiteral("autostart/quorvane.desktop"));
+        XdgAutostart autostart(entryPath, QStringLiteral("/opt/My \"Apps\"/quorvane"));
+        QVERIFY(!autostart.isEnabled());
+        QCOMPARE(autostart.enable(), QString());
+        QVERIFY(autostart.isEnabled());
+        const QByteArray entry = readAll(entryPath);
+        QVERIFY2(entry.contains("\nExec=\"/opt/My \\\"Apps\\\"/quorvane\"\n"), entry.constData());
+        QCOMPARE(QFile::permissions(entryPath) & ownerOnlyMask, 0);
+        QCOMPARE(autostart.disable(), QString());
+        QVERIFY(!QFile::exists(entryPath));
+
+        XdgAutostart blocked(dir.filePath(QStringLiteral("file/not-a-folder/q.desktop")), QStringLiteral("/q"));
+        QFile(dir.filePath(QStringLiteral("file"))).open(QIODevice::WriteOnly);
+        QVERIFY(!blocked.enable().isEmpty());
+    }
+
+    void dataDirectoryMovesTheLegacyFolderAndProtects() {
+        QTemporaryDir base;
+        const QString legacy = base.filePath(QStringLiteral("Speakwell"));
+        QVERIFY(QDir().mkpath(legacy + "/audio"));
+        QFile(legacy + "/history.jsonl").open(QIODevice::WriteOnly);
+        QFile(legacy + "/audio/1.wav").open(QIODevice::WriteOnly);
+        QFile::setPermissions(legacy + "/history.jsonl", QFileDevice::Permissions(0x0666));
+        const QString root = base.filePath(QStringLiteral("Quorvane"));
+        Paths::prepare(root, legacy);
+        QVERIFY(!QFile::exists(legacy));
+        QVERIFY(QFile::exists(root + "/history.jsonl"));
+        for (const QString &path : {root, root + "/audio", root + "/history.jsonl", root + "/audio/1.wav"})
+            QVERIFY2((QFile::permissions(path) & ownerOnlyMask) == 0, qPrintable(path));
+
+        // Once the new folder exists, a legacy folder is left alone.
+        QVERIFY(QDir().mkpath(legacy));
+        Paths::prepare(root, legacy);
+        QVERIFY(QFile::exists(legacy));
+    }
+
+    void applicationStartWritesDefaultsThenPreservesABadFile() {
+        QTemporaryDir base;
+        const QString home = base.filePath(QStringLiteral("fresh/Quorvane"));
+        runApplicationOnce(home);
+        QCOMPARE(QFile::permissions(home) & ownerOnlyMask, 0);
+        const QString config = home + "/config.json";
+        QCOMPARE(QFile::permissions(config) & ownerOnlyMask, 0);
+        const QJsonObject saved = QJsonDocument::fromJson(readAll(config)).object();
+        QCOMPARE(saved.value("formatterTimeoutMS").toInt(), 2500);
+        QVERIFY(readAll(config).indexOf("\"appRules\"") < readAll(config).indexOf("\"asr\""));
+        QVERIFY(!readAll(home + "/quorvane.log").contains("Settings were invalid"));
+
+        QFile bad(config);
+        QVERIFY(bad.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        bad.write("this is not JSON");
+        bad.close();
+        runApplicationOnce(home);
+        QCOMPARE(readAll(home + "/config.invalid.json"), QByteArray("this is not JSON"));
+        QCOMPARE(QJsonDocument::fromJson(readAll(config)).object(), saved);
+        QVERIFY(readAll(home + "/quorvane.log")
+                    .contains(" [WARN] Settings were invalid. Safe defaults were loaded and the original file was "
+                              "preserved as config.invalid.json.\n"));
+    }
+
+    void commandsNotYetBuiltSayWhyAndFail_data() {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::newRow("transcribe") << QStringList{"transcribe", "missing.wav"};
+        QTest::newRow("benchmark") << QStringList{"benchmark"};
+    }
+    void commandsNotYetBuiltSayWhyAndFail() {
+        QFETCH(QStringList, arguments);
+        QProcess command;
+        command.start(QStringLiteral(QUORVANE_BINARY), arguments);
+        QVERIFY(command.waitForFinished(10000));
+        QCOMPARE(command.exitCode(), 1);
+        QVERIFY(command.readAllStandardError().contains("not available"));
+    }
+};
+
+QTEST_GUILESS_MAIN(AppTest)
+#include "tst_app.moc"

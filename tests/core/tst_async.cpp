@@ -1,0 +1,168 @@
+#include "core/Async.h"
+#include "core/LatencyStats.h"
+#include "core/SerialQueue.h"
+#include "core/Timeout.h"
+#include "core/Timings.h"
+
+#include <QTest>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+QCoro::Task<int> valueAfter(Scheduler &scheduler, qint64 ms, int value) {
+    co_await scheduler.sleep(ms);
+    co_return value;
+}
+
+QCoro::Task<int> failAfter(Scheduler &scheduler, qint64 ms) {
+    co_await scheduler.sleep(ms);
+    throw std::runtime_error("engine failed");
+}
+
+// Drives a ManualScheduler from the event loop while a task waits on it.
+template <typename T> T runWithTime(ManualScheduler &scheduler, QCoro::Task<T> task, qint64 advanceBy) {
+    QTimer::singleShot(0, [&] { scheduler.advance(advanceBy); });
+    return syncWait(std::move(task));
+}
+
+} // namespace
+
+class AsyncTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void timeoutDeliversTheValue() {
+        ManualScheduler clock;
+        auto outcome = runWithTime(clock,
+                                   withTimeout<int>(
+                                       100, [&] { return valueAfter(clock, 40, 7); }, clock),
+                                   200);
+        QVERIFY(!outcome.timedOut());
+        QCOMPARE(outcome.get(), 7);
+    }
+
+    void timeoutDeliversTheError() {
+        ManualScheduler clock;
+        auto outcome = runWithTime(clock,
+                                   withTimeout<int>(
+                                       100, [&] { return failAfter(clock, 10); }, clock),
+                                   200);
+        QVERIFY(!outcome.timedOut());
+        QVERIFY_THROWS_EXCEPTION(std::runtime_error, outcome.get());
+    }
+
+    void timeoutWinsOverASlowOperation() {
+        ManualScheduler clock;
+        auto outcome = runWithTime(clock,
+                                   withTimeout<int>(
+                                       100, [&] { return valueAfter(clock, 101, 1); }, clock),
+                                   500);
+        QVERIFY(outcome.timedOut());
+    }
+
+    void nearTieDeliversExactlyOneOutcome_data() {
+        QTest::addColumn<qint64>("operationMs");
+        QTest::addColumn<bool>("timedOut");
+        // Scheduled in order: the operation's sleep is scheduled before the timer, so at the same
+        // instant the operation resolves first and the timer's resolution is dropped.
+        QTest::newRow("same instant") << qint64(100) << false;
+        QTest::newRow("one ms late") << qint64(101) << true;
+        QTest::newRow("one ms early") << qint64(99) << false;
+    }
+    void nearTieDeliversExactlyOneOutcome() {
+        QFETCH(qint64, operationMs);
+        ManualScheduler clock;
+        int resumed = 0;
+        auto run = [&]() -> QCoro::Task<bool> {
+            auto outcome = co_await withTimeout<int>(
+                100, [&] { return valueAfter(clock, operationMs, 1); }, clock);
+            ++resumed;
+            co_return outcome.timedOut();
+        };
+        QTEST(runWithTime(clock, run(), 1000), "timedOut");
+        QTest::qWait(20); // a second resumption would arrive through the event loop
+        QCOMPARE(resumed, 1);
+        QCOMPARE(clock.pendingCount(), 0u);
+    }
+
+    void realTimerTimesOut() {
+        auto never = []() -> QCoro::Task<void> { co_await Scheduler::system().sleep(10000); };
+        QElapsedTimer elapsed;
+        elapsed.start();
+        auto outcome = syncWait(withTimeout<void>(30, never));
+        QVERIFY(outcome.timedOut());
+        QVERIFY(elapsed.elapsed() < 5000);
+    }
+
+    void syncWaitRethrows() {
+        auto failing = []() -> QCoro::Task<int> {
+            co_await Scheduler::system().sleep(1);
+            throw std::logic_error("boom");
+        };
+        QVERIFY_THROWS_EXCEPTION(std::logic_error, syncWait(failing()));
+    }
+
+    void latencyPercentiles() {
+        LatencyStats stats;
+        QCOMPARE(stats.percentile(50), std::nullopt);
+        stats.record(42);
+        QCOMPARE(stats.percentile(50), 42);
+        QCOMPARE(stats.percentile(0), 42);
+        LatencyStats four;
+        for (qint64 v : {4, 2, 3, 1})
+            four.record(v);
+        QCOMPARE(four.percentile(50), 2);
+        QCOMPARE(four.percentile(51), 3);
+        QCOMPARE(four.percentile(100), 4);
+        QCOMPARE(four.percentile(0), 1);
+    }
+
+    void latencyKeepsTheLatest200() {
+        LatencyStats stats;
+        for (qint64 v = 1; v <= 201; ++v)
+            stats.record(v);
+        const QList<qint64> samples = stats.samples();
+        QCOMPARE(samples.size(), 200);
+        QCOMPARE(samples.first(), 2);
+        QCOMPARE(stats.percentile(0), 2);
+    }
+
+    void timingsSummary() {
+        const Timings timings{5000, 120, 30, 800, 40};
+        QCOMPARE(timings.summary(), QStringLiteral("asr 120ms · fmt 800ms · inject 40ms · total 990ms"));
+        const Timings huge{0, std::numeric_limits<qint64>::max(), 1, 0, 0};
+        QVERIFY(huge.summary().endsWith(QStringLiteral("total 9223372036854775807ms")));
+    }
+
+    void serialQueueRunsInOrderOffTheCaller() {
+        SerialQueue queue(QStringLiteral("test.queue"));
+        QList<int> order;
+        std::thread::id worker;
+        for (int i = 0; i < 100; ++i)
+            queue.async([&, i] {
+                order.append(i);
+                worker = std::this_thread::get_id();
+            });
+        queue.drain();
+        QCOMPARE(order.size(), 100);
+        QVERIFY(std::is_sorted(order.begin(), order.end()));
+        QVERIFY(worker != std::this_thread::get_id());
+    }
+
+    void runOnSkipsADestroyedContext() {
+        auto *context = new QObject;
+        int calls = 0;
+        std::thread([&, context] { runOn(context, [&] { ++calls; }); }).join();
+        runOn(context, [&] { ++calls; });
+        delete context;
+        QTest::qWait(10);
+        QCOMPARE(calls, 0);
+        QObject alive;
+        std::thread([&] { runOn(&alive, [&] { ++calls; }); }).join();
+        QTRY_COMPARE(calls, 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(AsyncTest)
+#include "tst_async.moc"
