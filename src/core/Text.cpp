@@ -103,6 +103,20 @@ qsizetype graphemeCount(const QString &text) {
     return count;
 }
 
+QStringList graphemes(const QString &text) {
+    QStringList clusters;
+    if (text.isEmpty())
+        return clusters;
+    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+    qsizetype start = 0;
+    qsizetype end;
+    while ((end = finder.toNextBoundary()) != -1) {
+        clusters.append(text.mid(start, end - start));
+        start = end;
+    }
+    return clusters;
+}
+
 QList<char32_t> codePoints(const QString &text) {
     QList<char32_t> points;
     points.reserve(text.size());

@@ -27,6 +27,7 @@ QString fold(const QString &text, int options = CaseInsensitive | DiacriticInsen
 
 // User-perceived characters (extended grapheme clusters).
 qsizetype graphemeCount(const QString &text);
+QStringList graphemes(const QString &text);
 
 // The text as code points; iterate these, never QChar, so that astral characters stay whole.
 QList<char32_t> codePoints(const QString &text);
