@@ -14,7 +14,6 @@
 #include <QNetworkProxy>
 #include <QNetworkRequest>
 #include <QRegularExpression>
-#include <QStringDecoder>
 #include <QTextBoundaryFinder>
 #include <QUuid>
 
@@ -86,12 +85,6 @@ QByteArray multipartBody(const QByteArray &boundary, const QByteArray &wav, cons
     return body;
 }
 
-QString decodeUtf8OrEmpty(const QByteArray &bytes) {
-    QStringDecoder decoder(QStringDecoder::Utf8);
-    QString text = decoder(bytes);
-    return decoder.hasError() ? QString() : text;
-}
-
 QString transcriptFromBody(const QByteArray &body) {
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
@@ -100,8 +93,9 @@ QString transcriptFromBody(const QByteArray &body) {
     const QJsonValue text = document.isObject() ? document.object().value(QLatin1String("text")) : QJsonValue();
     if (text.isString())
         return text.toString();
-    // Some server builds answer other shapes; their raw text is still better than nothing.
-    return decodeUtf8OrEmpty(body);
+    // Some server builds answer other shapes; their raw text is still better than nothing. (The
+    // parser has already refused bodies that are not UTF-8.)
+    return QString::fromUtf8(body);
 }
 
 } // namespace

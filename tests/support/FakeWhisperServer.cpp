@@ -259,7 +259,8 @@ void FakeWhisperServer::process(Connection *connection) {
 }
 
 FakeWhisperServer::Response FakeWhisperServer::respond(const Request &request) {
-    const QByteArray path = request.path.left(request.path.indexOf('?'));
+    const qsizetype query = request.path.indexOf('?');
+    const QByteArray path = query < 0 ? request.path : request.path.left(query);
     if (request.method == "GET" && path == "/") {
         Response page = Response::plainText(
             200, "<html><head><title>Whisper.cpp Server</title></head><body><h1>Whisper.cpp Server</h1></body></html>");
