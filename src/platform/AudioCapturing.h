@@ -1,0 +1,43 @@
+#pragma once
+
+#include "core/QuorvaneError.h"
+#include "speech/AudioChunk.h"
+
+#include <QString>
+#include <functional>
+
+// The capture's verdict on the last recording.
+enum class AudioCaptureStatus { unknown, usable, noBuffers, digitalSilence };
+
+// Delivers the microphone's audio as mono float chunks at the rate the speech engine asks for.
+class AudioCapturing {
+public:
+    virtual ~AudioCapturing() = default;
+
+    // Called with each chunk, possibly on an audio thread.
+    virtual void setOnChunk(std::function<void(const AudioChunk &)> onChunk) = 0;
+    virtual AudioCaptureStatus lastCaptureStatus() const = 0;
+    virtual void setVoiceProcessingEnabled(bool on) = 0;
+    virtual void prepare() = 0;
+    // Begins an utterance; throws QuorvaneError when the microphone cannot be used.
+    virtual void start(double sampleRate, bool retainAudio) = 0;
+    // Ends the utterance and settles lastCaptureStatus().
+    virtual void stop() = 0;
+    // Writes the utterance's samples as WAV when retaining was on; otherwise writes nothing.
+    virtual void writeRetainedAudio(const QString &path) = 0;
+};
+
+// Where no microphone service exists: starting always fails with "no audio input".
+class UnsupportedCapture final : public AudioCapturing {
+public:
+    void setOnChunk(std::function<void(const AudioChunk &)> onChunk) override { m_onChunk = std::move(onChunk); }
+    AudioCaptureStatus lastCaptureStatus() const override { return AudioCaptureStatus::unknown; }
+    void setVoiceProcessingEnabled(bool) override {}
+    void prepare() override {}
+    void start(double, bool) override { throw QuorvaneError(QuorvaneError::Case::noAudioInput); }
+    void stop() override {}
+    void writeRetainedAudio(const QString &) override {}
+
+private:
+    std::function<void(const AudioChunk &)> m_onChunk;
+};
