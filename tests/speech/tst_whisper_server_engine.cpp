@@ -13,7 +13,6 @@
 #include <functional>
 #include <mutex>
 #include <optional>
-#include <thread>
 
 using Response = FakeWhisperServer::Response;
 Q_DECLARE_METATYPE(FakeWhisperServer::Response)
@@ -72,13 +71,6 @@ private slots:
     void init() {
         std::lock_guard lock(m_logMutex);
         m_log.clear();
-    }
-
-    void describesItself() {
-        const WhisperServerEngine engine(QStringLiteral("http://localhost:9000"), QStringLiteral("en-US"));
-        QCOMPARE(engine.name(), QStringLiteral("whisper.cpp server"));
-        QVERIFY(!engine.isStreaming());
-        QCOMPARE(engine.requiredSampleRate(), 16000.0);
     }
 
     void resolvesEndpoint_data() {
@@ -333,19 +325,6 @@ private slots:
         engine.append(AudioChunk{{0.1f}, 16000});
         QVERIFY(finish(engine).text);
         QVERIFY(!server.inferenceRequests().first().field("prompt"));
-    }
-
-    void collectsAudioFromAnotherThread() {
-        FakeWhisperServer server;
-        WhisperServerEngine engine(server.url().toString(), QStringLiteral("en-US"));
-        syncWait(engine.beginUtterance({}));
-        std::thread capture([&engine] {
-            for (int i = 0; i < 200; ++i)
-                engine.append(AudioChunk{std::vector<float>(160, 0.25f), 16000});
-        });
-        capture.join();
-        QVERIFY(finish(engine).text);
-        QCOMPARE(WavDecoder::decode(*server.inferenceRequests().first().field("file")).samples.size(), size_t(32000));
     }
 
     void stripsAnnotations_data() {
