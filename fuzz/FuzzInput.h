@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+// Shared by the fuzz targets: turns the fuzzer's bytes into the texts a function takes, and stops
+// the run loudly when a property every input must keep is broken.
+namespace FuzzInput {
+
+// The bytes as UTF-8 (invalid sequences become replacement characters), cut into fields at the
+// record separator 0x1E, so one input can carry a raw text, a reply and vocabulary terms.
+inline QStringList fields(const uint8_t *data, size_t size) {
+    return QString::fromUtf8(reinterpret_cast<const char *>(data), qsizetype(size)).split(QChar(0x1E));
+}
+
+inline QString field(const QStringList &fields, qsizetype index) {
+    return index < fields.size() ? fields[index] : QString();
+}
+
+} // namespace FuzzInput
+
+#define FUZZ_REQUIRE(condition)                                                                                        \
+    do {                                                                                                               \
+        if (!(condition)) {                                                                                            \
+            std::fprintf(stderr, "property broken: %s (%s:%d)\n", #condition, __FILE__, __LINE__);                     \
+            std::abort();                                                                                              \
+        }                                                                                                              \
+    } while (0)
