@@ -64,9 +64,10 @@ private slots:
                              {501, frontmost, QStringLiteral("-zsh")},
                              {502, 501, QStringLiteral("claude")},
                              {600, 1, QStringLiteral("codex")}};
-        m_processes->directories = {{501, m_beta->root()}, {502, m_alpha->root() + QStringLiteral("/src")}, {600, m_beta->root()}};
-        m_provider = std::make_unique<RepositoryContextProvider>(m_processes, m_documents,
-                                                                 [this] { return m_frontmost; });
+        m_processes->directories = {
+            {501, m_beta->root()}, {502, m_alpha->root() + QStringLiteral("/src")}, {600, m_beta->root()}};
+        m_provider =
+            std::make_unique<RepositoryContextProvider>(m_processes, m_documents, [this] { return m_frontmost; });
     }
 
     void choosesBySource_data() {
@@ -74,10 +75,18 @@ private slots:
         QTest::addColumn<QString>("document");
         QTest::addColumn<QString>("expected");
         QTest::addColumn<int>("listings");
-        QTest::newRow("pinned wins") << "beta/lib" << "alpha/src/Alpha.swift" << "beta" << 0;
-        QTest::newRow("focused document before processes") << "" << "beta/lib/beta.py" << "beta" << 0;
-        QTest::newRow("document outside a repository") << "" << "/" << "alpha" << 1;
-        QTest::newRow("process tree") << "" << "" << "alpha" << 1;
+        QTest::newRow("pinned wins") << "beta/lib"
+                                     << "alpha/src/Alpha.swift"
+                                     << "beta" << 0;
+        QTest::newRow("focused document before processes") << ""
+                                                           << "beta/lib/beta.py"
+                                                           << "beta" << 0;
+        QTest::newRow("document outside a repository") << ""
+                                                       << "/"
+                                                       << "alpha" << 1;
+        QTest::newRow("process tree") << ""
+                                      << ""
+                                      << "alpha" << 1;
     }
     void choosesBySource() {
         QFETCH(QString, pinned);
@@ -85,7 +94,8 @@ private slots:
         QFETCH(QString, expected);
         QFETCH(int, listings);
         if (!document.isEmpty())
-            m_documents->documents.insert(frontmost, document.startsWith(QLatin1Char('/')) ? document : scratchPath(document));
+            m_documents->documents.insert(frontmost,
+                                          document.startsWith(QLatin1Char('/')) ? document : scratchPath(document));
         const auto context = syncWait(m_provider->refreshContext(
             QStringLiteral("com.example.app"), pinned.isEmpty() ? std::nullopt : std::optional(scratchPath(pinned))));
         QVERIFY(context);
