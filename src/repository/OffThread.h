@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QCoro/QCoroFuture>
+#include <QCoro/QCoroTask>
+#include <QFuture>
+#include <QPromise>
+#include <QThreadPool>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+
+// Runs blocking work (file scans, /proc reads, path resolution) on the shared thread pool and
+// resumes the awaiting coroutine on its own thread. An exception thrown by `work` is rethrown to
+// the awaiter.
+template <typename T> QCoro::Task<T> runOffThread(std::function<T()> work) {
+    struct Outcome {
+        std::optional<T> value;
+        std::exception_ptr error;
+    };
+    auto outcome = std::make_shared<Outcome>();
+    // QThreadPool wants a copyable callable, and QPromise is move-only.
+    auto promise = std::make_shared<QPromise<void>>();
+    QFuture<void> done = promise->future();
+    promise->start();
+    QThreadPool::globalInstance()->start([outcome, promise, work = std::move(work)] {
+        try {
+            outcome->value.emplace(work());
+        } catch (...) {
+            outcome->error = std::current_exception();
+        }
+        promise->finish();
+    });
+    co_await done;
+    if (outcome->error)
+        std::rethrow_exception(outcome->error);
+    co_return std::move(*outcome->value);
+}

@@ -1,0 +1,401 @@
+#include "repository/RepositoryIndexer.h"
+
+#include "core/QuorvaneError.h"
+#include "core/Text.h"
+#include "repository/OffThread.h"
+
+#include <QCoro/QCoroProcess>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QRegularExpression>
+#include <QSet>
+#include <QStringDecoder>
+#include <algorithm>
+#include <limits>
+
+namespace {
+
+const QSet<QString> &keyFileNames() {
+    static const QSet<QString> names{
+        QStringLiteral("package.swift"),
+        QStringLiteral("package.json"),
+        QStringLiteral("pyproject.toml"),
+        QStringLiteral("cargo.toml"),
+        QStringLiteral("go.mod"),
+        QStringLiteral("gemfile"),
+        QStringLiteral("pom.xml"),
+        QStringLiteral("build.gradle"),
+        QStringLiteral("build.gradle.kts"),
+        QStringLiteral("dockerfile"),
+        QStringLiteral("docker-compose.yml"),
+        QStringLiteral("docker-compose.yaml"),
+        QStringLiteral("readme.md"),
+        QStringLiteral("agents.md"),
+        QStringLiteral("claude.md"),
+        QStringLiteral("makefile"),
+    };
+    return names;
+}
+
+const QSet<QString> &excludedDirectories() {
+    static const QSet<QString> names{
+        QStringLiteral(".git"),         QStringLiteral(".build"), QStringLiteral("build"),   QStringLiteral("dist"),
+        QStringLiteral("node_modules"), QStringLiteral("vendor"), QStringLiteral("vendors"), QStringLiteral("pods"),
+        QStringLiteral("deriveddata"),  QStringLiteral(".venv"),  QStringLiteral("venv"),    QStringLiteral("target"),
+        QStringLiteral("coverage"),     QStringLiteral(".next"),  QStringLiteral(".cache"),  QStringLiteral("secrets"),
+        QStringLiteral("secret"),
+    };
+    return names;
+}
+
+const QSet<QString> &excludedFileNames() {
+    static const QSet<QString> names{
+        QStringLiteral(".env"),
+        QStringLiteral("secrets.plist"),
+        QStringLiteral("credentials.json"),
+        QStringLiteral("credentials.yaml"),
+        QStringLiteral("credentials.yml"),
+        QStringLiteral("secrets.json"),
+        QStringLiteral("id_rsa"),
+        QStringLiteral("id_ed25519"),
+        QStringLiteral("known_hosts"),
+        QStringLiteral(".npmrc"),
+        QStringLiteral(".pypirc"),
+    };
+    return names;
+}
+
+const QStringList &excludedSuffixes() {
+    static const QStringList suffixes{
+        QStringLiteral(".pem"),
+        QStringLiteral(".key"),
+        QStringLiteral(".p12"),
+        QStringLiteral(".pfx"),
+        QStringLiteral(".mobileprovision"),
+        QStringLiteral(".dmg"),
+        QStringLiteral(".zip"),
+    };
+    return suffixes;
+}
+
+const QSet<QString> &genericWords() {
+    static const QSet<QString> words{
+        QStringLiteral("src"),     QStringLiteral("source"),  QStringLiteral("sources"),  QStringLiteral("test"),
+        QStringLiteral("tests"),   QStringLiteral("lib"),     QStringLiteral("app"),      QStringLiteral("main"),
+        QStringLiteral("index"),   QStringLiteral("utils"),   QStringLiteral("utility"),  QStringLiteral("helper"),
+        QStringLiteral("helpers"), QStringLiteral("feature"), QStringLiteral("features"), QStringLiteral("core"),
+    };
+    return words;
+}
+
+const QHash<QString, QString> &languagesByExtension() {
+    static const QHash<QString, QString> table = [] {
+        QHash<QString, QString> map;
+        const auto add = [&map](std::initializer_list<const char *> extensions, const char *language) {
+            for (const char *extension : extensions)
+                map.insert(QString::fromLatin1(extension), QString::fromLatin1(language));
+        };
+        add({"swift"}, "Swift");
+        add({"m", "mm"}, "Objective-C");
+        add({"ts"}, "TypeScript");
+        add({"js", "jsx", "cjs"}, "JavaScript");
+        add({"py"}, "Python");
+        add({"rs"}, "Rust");
+        add({"go"}, "Go");
+        add({"java"}, "Java");
+        add({"kt"}, "Kotlin");
+        add({"rb"}, "Ruby");
+        add({"php"}, "PHP");
+        add({"cs"}, "C#");
+        add({"c", "h"}, "C");
+        add({"cc", "cpp", "cxx", "c++", "hpp", "hh", "hxx", "h++", "ipp", "tpp", "ixx", "cppm"}, "C++");
+        add({"sh", "bash", "zsh"}, "Shell");
+        add({"sql"}, "SQL");
+        add({"html", "scss"}, "Web");
+        return map;
+    }();
+    return table;
+}
+
+const QList<QRegularExpression> &identifierPatterns() {
+    static const QList<QRegularExpression> patterns = [] {
+        const auto options = QRegularExpression::UseUnicodePropertiesOption;
+        QList<QRegularExpression> list{
+            QRegularExpression(
+                QStringLiteral(
+                    R"(\b(?:class|struct|enum|protocol|actor|interface|trait|type)\s+([A-Za-z_][A-Za-z0-9_]*))"),
+                options),
+            QRegularExpression(QStringLiteral(R"(\b(?:func|function|def|fn)\s+([A-Za-z_][A-Za-z0-9_]*))"), options),
+            QRegularExpression(QStringLiteral(R"(\b(?:let|var|const)\s+([A-Za-z_][A-Za-z0-9_]{3,}))"), options),
+        };
+        for (auto &pattern : list) {
+            Q_ASSERT(pattern.isValid());
+            pattern.optimize();
+        }
+        return list;
+    }();
+    return patterns;
+}
+
+QString lastComponent(const QString &relativePath) {
+    const qsizetype slash = relativePath.lastIndexOf(QLatin1Char('/'));
+    return slash < 0 ? relativePath : relativePath.mid(slash + 1);
+}
+
+QString standardized(const QString &path) {
+    return QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+}
+
+// A prefix cut at the byte limit may end inside a multi-byte character; that alone must not make
+// an otherwise valid UTF-8 file count as undecodable.
+qsizetype completeUtf8Length(const QByteArray &bytes) {
+    const qsizetype size = bytes.size();
+    for (qsizetype back = 1; back <= 3 && back <= size; ++back) {
+        const auto byte = static_cast<unsigned char>(bytes.at(size - back));
+        if ((byte & 0xC0) == 0x80)
+            continue; // continuation byte: keep looking for the lead byte
+        const int needed = byte >= 0xF0 ? 4 : byte >= 0xE0 ? 3 : byte >= 0xC0 ? 2 : 1;
+        return needed > back ? size - back : size;
+    }
+    return size;
+}
+
+template <typename Counts> QStringList byFallingCount(const Counts &counts, int limit) {
+    QList<std::pair<QString, int>> entries;
+    entries.reserve(counts.size());
+    for (auto it = counts.cbegin(); it != counts.cend(); ++it)
+        entries.append({it.key(), it.value()});
+    std::sort(entries.begin(), entries.end(), [](const auto &a, const auto &b) {
+        return a.second != b.second ? a.second > b.second : a.first < b.first;
+    });
+    QStringList result;
+    for (const auto &entry : entries) {
+        if (result.size() >= limit)
+            break;
+        result << entry.first;
+    }
+    return result;
+}
+
+} // namespace
+
+std::optional<QString> RepositoryIndexer::findRepositoryRoot(const QString &startingAt) {
+    if (startingAt.isEmpty())
+        return std::nullopt;
+    QString directory = standardized(startingAt);
+    const QFileInfo start(directory);
+    if (start.exists() && !start.isDir())
+        directory = standardized(start.absolutePath());
+    while (true) {
+        if (directory == QLatin1String("/"))
+            return std::nullopt;
+        if (QFileInfo::exists(directory + QStringLiteral("/.git")))
+            return directory;
+        const QString parent = QDir::cleanPath(directory + QStringLiteral("/.."));
+        if (parent == directory)
+            return std::nullopt;
+        directory = parent;
+    }
+}
+
+QCoro::Task<RepositoryContext> RepositoryIndexer::index(QString root, std::optional<QStringList> trackedFiles) const {
+    // Copied before the first suspension: the indexer need not outlive the task.
+    const RepositoryIndexLimits limits = m_limits;
+    if (!QFileInfo(root).isDir())
+        throw QuorvaneError::repositoryUnavailable(QStringLiteral("the repository folder could not be read"));
+    QStringList paths;
+    if (trackedFiles)
+        paths = std::move(*trackedFiles);
+    else
+        paths = co_await RepositoryIndexer::trackedFiles(root, limits.maxTrackedFiles);
+    co_return co_await runOffThread<RepositoryContext>(
+        [limits, root, paths = std::move(paths)] { return RepositoryIndexer(limits).indexListed(root, paths); });
+}
+
+QCoro::Task<QStringList> RepositoryIndexer::trackedFiles(QString root, int maxFiles) {
+    QProcess git;
+    git.setProgram(QStringLiteral("/usr/bin/git"));
+    // NUL-separated output keeps unusual file names verbatim instead of C-quoted.
+    git.setArguments({QStringLiteral("ls-files"), QStringLiteral("-z")});
+    git.setWorkingDirectory(root);
+    // Inherited Git variables (set when we are started from a hook, say) would point Git at some
+    // other repository than the one in the working directory.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const char *name : {"GIT_DIR", "GIT_WORK_TREE", "GIT_INDEX_FILE", "GIT_COMMON_DIR", "GIT_OBJECT_DIRECTORY"})
+        environment.remove(QString::fromLatin1(name));
+    git.setProcessEnvironment(environment);
+    git.setStandardInputFile(QProcess::nullDevice());
+    git.setStandardErrorFile(QProcess::nullDevice());
+    auto process = qCoro(git);
+    if (!co_await process.start(QIODevice::ReadOnly))
+        co_return QStringList{};
+    // A Git stuck on a network file system must not hold Prompt Mode up forever.
+    if (!co_await process.waitForFinished(10'000) || git.exitStatus() != QProcess::NormalExit || git.exitCode() != 0)
+        co_return QStringList{};
+    const QByteArray output = git.readAllStandardOutput();
+    QStringList paths;
+    for (const QByteArray &entry : output.split('\0')) {
+        if (paths.size() >= maxFiles)
+            break;
+        if (!entry.isEmpty())
+            paths << QString::fromUtf8(entry);
+    }
+    co_return paths;
+}
+
+RepositoryContext RepositoryIndexer::indexListed(const QString &root, const QStringList &trackedFiles) const {
+    const QString rootPath = standardized(root);
+    const QString canonicalRoot = QFileInfo(rootPath).canonicalFilePath();
+
+    struct Surviving {
+        QString relativePath;
+        QString canonicalPath;
+    };
+    QList<Surviving> surviving;
+    const qsizetype considered = std::min<qsizetype>(trackedFiles.size(), std::max(m_limits.maxTrackedFiles, 0));
+    for (qsizetype i = 0; i < considered && !canonicalRoot.isEmpty(); ++i) {
+        const QString &path = trackedFiles.at(i);
+        if (isExcluded(path))
+            continue;
+        if (auto canonical = containedRepositoryFile(path, canonicalRoot))
+            surviving.append({path, *canonical});
+    }
+
+    RepositoryContext context;
+    context.rootPath = rootPath;
+    context.name = QFileInfo(rootPath).fileName();
+    context.branch = branchName(rootPath);
+
+    QHash<QString, int> languageCounts;
+    QHash<QString, int> termCounts;
+    int sourceFilesRead = 0;
+    for (const Surviving &file : surviving) {
+        if (context.keyFiles.size() < m_limits.maxKeyFiles && isKeyFile(file.relativePath))
+            context.keyFiles << file.relativePath;
+        const auto fileLanguage = language(file.relativePath);
+        if (!fileLanguage)
+            continue;
+        ++languageCounts[*fileLanguage];
+        if (sourceFilesRead >= m_limits.maxSourceFiles)
+            continue;
+        ++sourceFilesRead;
+        const auto text = readPrefix(file.canonicalPath, m_limits.maxBytesPerSourceFile);
+        if (!text)
+            continue;
+        for (const QString &term : extractIdentifiers(*text)) {
+            if (isUsefulTerm(term))
+                ++termCounts[term];
+        }
+    }
+    context.languages = byFallingCount(languageCounts, std::numeric_limits<int>::max());
+    context.vocabulary = byFallingCount(termCounts, m_limits.maxVocabularyTerms);
+    return context;
+}
+
+bool RepositoryIndexer::isExcluded(const QString &relativePath) {
+    if (relativePath.startsWith(QLatin1Char('/')))
+        return true;
+    const QStringList components = relativePath.split(QLatin1Char('/'), Qt::SkipEmptyParts);
+    if (components.isEmpty())
+        return true;
+    for (const QString &component : components) {
+        if (excludedDirectories().contains(Text::lower(component)))
+            return true;
+    }
+    const QString last = Text::lower(components.last());
+    if (excludedFileNames().contains(last) || last.startsWith(QLatin1String(".env.")))
+        return true;
+    return std::any_of(excludedSuffixes().cbegin(), excludedSuffixes().cend(),
+                       [&last](const QString &suffix) { return last.endsWith(suffix); });
+}
+
+std::optional<QString> RepositoryIndexer::containedRepositoryFile(const QString &relativePath,
+                                                                  const QString &canonicalRoot) {
+    const QFileInfo file(canonicalRoot + QLatin1Char('/') + relativePath);
+    // Empty when the file (or the target of a link on its way) does not exist.
+    const QString canonical = file.canonicalFilePath();
+    if (canonical.isEmpty() || !canonical.startsWith(canonicalRoot + QLatin1Char('/')))
+        return std::nullopt;
+    if (!QFileInfo(canonical).isFile())
+        return std::nullopt;
+    return canonical;
+}
+
+bool RepositoryIndexer::isKeyFile(const QString &relativePath) {
+    return keyFileNames().contains(Text::lower(lastComponent(relativePath)));
+}
+
+bool RepositoryIndexer::isUsefulTerm(const QString &term) {
+    if (term.size() < 3 || term.size() > 80)
+        return false;
+    bool hasLetter = false;
+    for (char32_t c : Text::codePoints(term)) {
+        if (Text::isWhitespaceOrNewline(c))
+            return false;
+        hasLetter = hasLetter || Text::isLetter(c);
+    }
+    return hasLetter && !genericWords().contains(Text::lower(term));
+}
+
+std::optional<QString> RepositoryIndexer::language(const QString &relativePath) {
+    const QString name = lastComponent(relativePath);
+    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
+    // A leading dot marks a hidden file, not an extension (".bashrc").
+    if (dot <= 0 || dot == name.size() - 1)
+        return std::nullopt;
+    const auto it = languagesByExtension().constFind(Text::lower(name.mid(dot + 1)));
+    if (it == languagesByExtension().cend())
+        return std::nullopt;
+    return *it;
+}
+
+QStringList RepositoryIndexer::extractIdentifiers(const QString &text) {
+    QStringList identifiers;
+    for (const QRegularExpression &pattern : identifierPatterns()) {
+        auto matches = pattern.globalMatch(text);
+        while (matches.hasNext())
+            identifiers << matches.next().captured(1);
+    }
+    return identifiers;
+}
+
+std::optional<QString> RepositoryIndexer::readPrefix(const QString &path, qint64 maxBytes) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    QByteArray bytes = file.read(std::max<qint64>(maxBytes, 0));
+    if (bytes.size() == maxBytes)
+        bytes.truncate(completeUtf8Length(bytes));
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    QString text = decoder.decode(bytes);
+    if (decoder.hasError())
+        return std::nullopt;
+    return text;
+}
+
+std::optional<QString> RepositoryIndexer::branchName(const QString &root) {
+    const QString marker = root + QStringLiteral("/.git");
+    QString gitDirectory = marker;
+    if (QFileInfo(marker).isFile()) {
+        QFile file(marker);
+        if (!file.open(QIODevice::ReadOnly))
+            return std::nullopt;
+        const QString text = QString::fromUtf8(file.read(64 * 1024));
+        if (!text.startsWith(QLatin1String("gitdir:")))
+            return std::nullopt;
+        const QString named = Text::trimmed(text.mid(7).section(QLatin1Char('\n'), 0, 0));
+        gitDirectory = QDir::isAbsolutePath(named) ? named : QDir(root).filePath(named);
+    }
+    QFile head(gitDirectory + QStringLiteral("/HEAD"));
+    if (!head.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QString reference = Text::trimmed(QString::fromUtf8(head.read(64 * 1024)));
+    const QString prefix = QStringLiteral("ref: refs/heads/");
+    if (!reference.startsWith(prefix) || reference.size() == prefix.size())
+        return std::nullopt;
+    return reference.mid(prefix.size());
+}
