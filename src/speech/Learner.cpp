@@ -13,8 +13,9 @@
 
 namespace {
 
+// Marks count too: a decomposed "é" is one character of the word, not a break.
 bool isWordCharacter(char32_t c) {
-    return Text::isLetter(c) || Text::isDigit(c);
+    return Text::isAlphanumeric(c);
 }
 
 bool isApostrophe(char32_t c) {
