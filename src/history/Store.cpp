@@ -301,6 +301,8 @@ void Store::deleteRetainedData(QObject *context, std::function<void(std::optiona
         const QString history = historyPath();
         if (QFile::exists(history) && !QFile::remove(history))
             failures.append(QStringLiteral("could not delete the history"));
+        // A rewrite cut short by a crash leaves its copy behind.
+        QFile::remove(history + QStringLiteral(".tmp"));
         m_index = Index{};
         const QFileInfoList recordings =
             QDir(audioDirectory()).entryInfoList({QStringLiteral("*.wav")}, QDir::Files | QDir::Hidden);

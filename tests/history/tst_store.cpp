@@ -300,6 +300,11 @@ private slots:
         config.write("{}");
         config.close();
 
+        QFile stale(root() + "/history.jsonl.tmp");
+        QVERIFY(stale.open(QIODevice::WriteOnly));
+        stale.write("{\"shippedText\":\"secret\"}\n");
+        stale.close();
+
         QObject context;
         std::optional<std::optional<QString>> outcome;
         store.deleteRetainedData(&context, [&](std::optional<QString> error) { outcome = error; });
@@ -307,6 +312,7 @@ private slots:
         QCOMPARE(*outcome, std::nullopt);
         QVERIFY(!QFile::exists(root() + "/history.jsonl"));
         QVERIFY(!QFile::exists(recording));
+        QVERIFY(!QFile::exists(stale.fileName()));
         QVERIFY(QFile::exists(store.vocabularyPath()));
         QVERIFY(QFile::exists(root() + "/config.json"));
         QCOMPARE(store.totalCount(), 0);
