@@ -1,0 +1,334 @@
+#include "history/Store.h"
+
+#include "core/Log.h"
+#include "core/Paths.h"
+#include "core/Text.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QPointer>
+#include <QRegularExpression>
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+constexpr QFileDevice::Permissions ownerOnly = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
+constexpr qint64 pageSize = 4096;
+constexpr qint64 copyChunk = 1 << 20;
+
+// A write that stays inside one page reaches the file whole or not at all, even when the process is
+// killed during the call; a longer one can be cut at a page boundary, so it goes through a rewrite.
+bool staysInOnePage(qint64 offset, qint64 length) {
+    return (offset % pageSize) + length <= pageSize;
+}
+
+std::optional<Utterance> parseLine(const QByteArray &line) {
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(line, &error);
+    if (error.error != QJsonParseError::NoError || !document.isObject())
+        return std::nullopt;
+    return Utterance::fromJson(document.object());
+}
+
+} // namespace
+
+Store::Store(QString root, RetentionLimits limits) : m_root(std::move(root)), m_limits(limits) {
+    Paths::makeProtectedDirectory(m_root);
+}
+
+Store::~Store() {
+    m_queue.drain();
+}
+
+QString Store::historyPath() const {
+    return m_root + QStringLiteral("/history.jsonl");
+}
+QString Store::audioDirectory() const {
+    return m_root + QStringLiteral("/audio");
+}
+QString Store::vocabularyPath() const {
+    return m_root + QStringLiteral("/vocabulary.txt");
+}
+
+void Store::drain() const {
+    m_queue.drain();
+}
+
+void Store::append(const Utterance &utterance) {
+    QByteArray line = QJsonDocument(utterance.toJson()).toJson(QJsonDocument::Compact);
+    line.append('\n');
+    if (line.size() > m_limits.maxHistoryBytes) {
+        Log::warn(QStringLiteral("A history item exceeded the local retention ceiling and was not stored."));
+        return;
+    }
+    m_queue.async([this, line = std::move(line)] { appendLine(line); });
+}
+
+void Store::loadIndex() const {
+    QFile file(historyPath());
+    if (m_index.loaded && file.size() == m_index.bytes)
+        return;
+    // First use, or someone else changed the file: count its lines again.
+    m_index = Index{};
+    m_index.loaded = true;
+    if (!file.open(QIODevice::ReadOnly))
+        return;
+    qint64 lineStart = 0;
+    qint64 position = 0;
+    for (;;) {
+        const QByteArray chunk = file.read(copyChunk);
+        if (chunk.isEmpty())
+            break;
+        const char *data = chunk.constData();
+        const char *end = data + chunk.size();
+        for (const char *p = data; (p = static_cast<const char *>(std::memchr(p, '\n', end - p))); ++p) {
+            const qint64 lineEnd = position + (p - data) + 1;
+            m_index.lineSizes.push_back(lineEnd - lineStart);
+            lineStart = lineEnd;
+        }
+        position += chunk.size();
+    }
+    m_index.bytes = lineStart;
+    if (position > lineStart) {
+        // Left by a writer that was not this store: keep whole lines only.
+        file.close();
+        QFile::resize(historyPath(), lineStart);
+        Log::warn(QStringLiteral("The history file ended with an incomplete line, which was dropped."));
+    }
+}
+
+void Store::appendLine(const QByteArray &line) {
+    loadIndex();
+    qint64 count = static_cast<qint64>(m_index.lineSizes.size()) + 1;
+    qint64 bytes = m_index.bytes + line.size();
+    qint64 drop = 0;
+    while (count > m_limits.maxHistoryEntries || bytes > m_limits.maxHistoryBytes) {
+        bytes -= m_index.lineSizes[static_cast<size_t>(drop)];
+        --count;
+        ++drop;
+    }
+    if (drop == 0 && staysInOnePage(m_index.bytes, line.size())) {
+        QFile file(historyPath());
+        if (file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered, ownerOnly) &&
+            file.write(line) == line.size()) {
+            Paths::protectFile(historyPath());
+            m_index.lineSizes.push_back(line.size());
+            m_index.bytes += line.size();
+            return;
+        }
+        // The file may have changed under us; count again before the next write.
+        m_index.loaded = false;
+        return;
+    }
+    rewriteHistory(drop, line);
+}
+
+bool Store::rewriteHistory(qint64 dropLines, const QByteArray &extra) {
+    qint64 skip = 0;
+    for (qint64 i = 0; i < dropLines; ++i)
+        skip += m_index.lineSizes[static_cast<size_t>(i)];
+    const QString target = historyPath();
+    const QString temporary = target + QStringLiteral(".tmp");
+    QFile out(temporary);
+    if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate, ownerOnly)) {
+        m_index.loaded = false;
+        return false;
+    }
+    out.setPermissions(ownerOnly);
+    bool ok = true;
+    QFile in(target);
+    if (in.open(QIODevice::ReadOnly) && in.seek(skip)) {
+        qint64 remaining = m_index.bytes - skip;
+        while (ok && remaining > 0) {
+            const QByteArray chunk = in.read(std::min(remaining, copyChunk));
+            ok = !chunk.isEmpty() && out.write(chunk) == chunk.size();
+            remaining -= chunk.size();
+        }
+    }
+    ok = ok && out.write(extra) == extra.size() && out.flush();
+    // On disk before it replaces the old file, so a crash of the machine cannot leave it empty.
+    ok = ok && ::fsync(out.handle()) == 0;
+    out.close();
+    ok = ok && std::rename(QFile::encodeName(temporary).constData(), QFile::encodeName(target).constData()) == 0;
+    if (!ok) {
+        QFile::remove(temporary);
+        m_index.loaded = false;
+        return false;
+    }
+    for (qint64 i = 0; i < dropLines; ++i)
+        m_index.lineSizes.pop_front();
+    m_index.lineSizes.push_back(extra.size());
+    m_index.bytes = m_index.bytes - skip + extra.size();
+    return true;
+}
+
+QStringList Store::readRecent(int limit) const {
+    QFile file(historyPath());
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    // Reads backwards from the end, in growing chunks, until enough whole entries are found.
+    qint64 position = m_index.bytes;
+    QByteArray buffer;
+    QStringList newestFirst;
+    while (newestFirst.size() < limit) {
+        const qsizetype previous = buffer.size() > 1 ? buffer.lastIndexOf('\n', buffer.size() - 2) : -1;
+        if (previous < 0 && position > 0) {
+            const qint64 chunk = std::min(position, std::max<qint64>(65536, buffer.size()));
+            position -= chunk;
+            if (!file.seek(position))
+                break;
+            const QByteArray read = file.read(chunk);
+            if (read.size() != chunk)
+                break;
+            buffer.prepend(read);
+            continue;
+        }
+        if (buffer.isEmpty())
+            break;
+        const QByteArray line = buffer.mid(previous + 1, buffer.size() - previous - 2);
+        buffer.truncate(previous + 1);
+        if (std::optional<Utterance> entry = parseLine(line))
+            newestFirst.append(entry->shippedText);
+    }
+    std::reverse(newestFirst.begin(), newestFirst.end());
+    return newestFirst;
+}
+
+QStringList Store::recentTranscripts(int limit) const {
+    if (limit <= 0)
+        return {};
+    QStringList result;
+    m_queue.sync([&] {
+        loadIndex();
+        result = readRecent(limit);
+    });
+    return result;
+}
+
+int Store::totalCount() const {
+    int count = 0;
+    m_queue.sync([&] {
+        loadIndex();
+        count = static_cast<int>(m_index.lineSizes.size());
+    });
+    return count;
+}
+
+int Store::retainedAudioCount() const {
+    int count = 0;
+    m_queue.sync([&] {
+        count = static_cast<int>(
+            QDir(audioDirectory()).entryList({QStringLiteral("*.wav")}, QDir::Files | QDir::Hidden).size());
+    });
+    return count;
+}
+
+QString Store::audioURL(const QString &utteranceID) const {
+    // The identifier becomes a file name: nothing in it may lead out of the folder.
+    static const QRegularExpression unsafe(QStringLiteral("[^A-Za-z0-9_-]"));
+    QString name = utteranceID;
+    name.replace(unsafe, QStringLiteral("_"));
+    Paths::makeProtectedDirectory(audioDirectory());
+    return audioDirectory() + QLatin1Char('/') + name + QStringLiteral(".wav");
+}
+
+void Store::didWriteAudio(const QString &path) {
+    Paths::protectFile(path);
+    m_queue.async([this] { pruneAudio(); });
+}
+
+void Store::pruneAudio() {
+    QFileInfoList files = QDir(audioDirectory()).entryInfoList({QStringLiteral("*.wav")}, QDir::Files | QDir::Hidden);
+    std::sort(files.begin(), files.end(), [](const QFileInfo &a, const QFileInfo &b) {
+        const QDateTime left = a.lastModified();
+        const QDateTime right = b.lastModified();
+        return left != right ? left < right : a.fileName() < b.fileName();
+    });
+    qint64 bytes = 0;
+    for (const QFileInfo &info : files)
+        bytes += info.size();
+    qsizetype oldest = 0;
+    while (oldest < files.size() &&
+           (files.size() - oldest > m_limits.maxAudioFiles || bytes > m_limits.maxAudioBytes)) {
+        const QFileInfo &victim = files[oldest++];
+        // One that cannot be deleted is skipped rather than retried forever.
+        QFile::remove(victim.absoluteFilePath());
+        bytes -= victim.size();
+    }
+}
+
+QString Store::vocabularyHeader() {
+    return QStringLiteral("# Quorvane custom vocabulary — one term per line.\n"
+                          "# Names, product names and jargon listed here are expected by the recogniser\n"
+                          "# and kept as written by the formatter. Lines beginning with # are ignored.\n");
+}
+
+void Store::ensureVocabularyFile() const {
+    QFile file(vocabularyPath());
+    if (file.exists())
+        return;
+    // NewOnly: a file the user created meanwhile is never overwritten.
+    if (file.open(QIODevice::WriteOnly | QIODevice::NewOnly, ownerOnly)) {
+        file.write(vocabularyHeader().toUtf8());
+        file.close();
+    }
+    Paths::protectFile(vocabularyPath());
+}
+
+QStringList Store::vocabulary() const {
+    QFile file(vocabularyPath());
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QStringList terms;
+    for (const QString &line : QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'))) {
+        const QString term = Text::trimmed(line);
+        if (!term.isEmpty() && !term.startsWith(QLatin1Char('#')) && !terms.contains(term))
+            terms.append(term);
+    }
+    return terms;
+}
+
+void Store::deleteRetainedData(QObject *context, std::function<void(std::optional<QString>)> completion) {
+    QPointer<QObject> guard(context);
+    m_queue.async([this, guard, hasContext = context != nullptr, completion = std::move(completion)] {
+        QStringList failures;
+        const QString history = historyPath();
+        if (QFile::exists(history) && !QFile::remove(history))
+            failures.append(QStringLiteral("could not delete the history"));
+        // A rewrite cut short by a crash leaves its copy behind.
+        QFile::remove(history + QStringLiteral(".tmp"));
+        m_index = Index{};
+        const QFileInfoList recordings =
+            QDir(audioDirectory()).entryInfoList({QStringLiteral("*.wav")}, QDir::Files | QDir::Hidden);
+        int kept = 0;
+        for (const QFileInfo &info : recordings) {
+            if (!QFile::remove(info.absoluteFilePath()))
+                ++kept;
+        }
+        if (kept > 0)
+            failures.append(QStringLiteral("could not delete %1 recordings").arg(kept));
+        std::optional<QString> error;
+        if (!failures.isEmpty())
+            error = failures.join(QStringLiteral("; "));
+        if (!completion)
+            return;
+        if (!hasContext) {
+            completion(error);
+            return;
+        }
+        // The context is only looked at on the main thread, where it could be destroyed.
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(),
+            [guard, completion, error] {
+                if (guard)
+                    completion(error);
+            },
+            Qt::QueuedConnection);
+    });
+}
