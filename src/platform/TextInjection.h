@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/Log.h"
+#include "core/QuorvaneError.h"
 
 #include <QString>
 #include <QtGlobal>
@@ -11,6 +12,20 @@ class TextInjector {
 public:
     virtual ~TextInjector() = default;
     virtual void inject(const QString &text) = 0;
+    // Leaves the text on the clipboard without pasting it, so that a delivery that failed or was
+    // withheld loses nothing.
+    virtual void copyToClipboard(const QString &text) = 0;
+};
+
+// Where text cannot be typed: every delivery fails, saying so.
+class UnsupportedTextInjector final : public TextInjector {
+public:
+    void inject(const QString &) override {
+        throw QuorvaneError::injectionFailed(QStringLiteral("text insertion is not available on this desktop"));
+    }
+    void copyToClipboard(const QString &) override {
+        throw QuorvaneError::injectionFailed(QStringLiteral("the clipboard is not available on this desktop"));
+    }
 };
 
 // A selected range in UTF-16 code units.
@@ -39,7 +54,12 @@ public:
 struct FrontmostApp {
     std::optional<QString> name;
     std::optional<QString> bundleID;
+    // The repository lookup needs the application's process to find its documents and shells.
+    std::optional<qint32> processID;
     bool operator==(const FrontmostApp &) const = default;
+    // Whether both name the same application; the process id is left out, so a relaunched
+    // application still counts as the same destination.
+    bool sameApplication(const FrontmostApp &other) const { return name == other.name && bundleID == other.bundleID; }
 };
 
 class FrontmostAppProvider {

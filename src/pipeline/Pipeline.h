@@ -1,0 +1,162 @@
+#pragma once
+
+#include "core/Config.h"
+#include "core/LatencyStats.h"
+#include "core/Scheduler.h"
+#include "core/Timings.h"
+#include "formatting/FormattingContext.h"
+#include "history/Store.h"
+#include "history/Utterance.h"
+#include "pipeline/PipelineState.h"
+#include "pipeline/PlatformKit.h"
+#include "speech/Learner.h"
+
+#include <QCoro/QCoroTask>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QStringList>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+
+// Runs one utterance at a time from key-down to delivered text, in each of the three modes. Lives
+// on the main thread; every callback from elsewhere hops there before it touches any member.
+class Pipeline : public QObject {
+    Q_OBJECT
+public:
+    static constexpr qint64 minimumHoldMs = 250;
+    static constexpr qint64 preparationLimitMs = 30000;
+
+    // `store` and `learner` default to the data directory's; `scheduler` is the clock of every
+    // timer and measurement.
+    Pipeline(Config config, PlatformKit platform, Scheduler &scheduler = Scheduler::system(),
+             std::unique_ptr<Store> store = {}, std::unique_ptr<Learner> learner = {});
+    ~Pipeline() override;
+
+    std::function<void(const PipelineState &)> onStateChange;
+    // After a dictation delivered its text.
+    std::function<void(const Utterance &)> onUtterance;
+
+    const PipelineState &state() const { return m_state; }
+    const Config &config() const { return m_config; }
+    PipelineMode activeMode() const { return m_activeMode; }
+    const std::optional<RepositoryContext> &repositoryContext() const { return m_repositoryContext; }
+    Store &store() { return *m_store; }
+    Learner &learner() { return *m_learner; }
+    const LatencyStats &latency() const { return m_latency; }
+    const PlatformKit &platform() const { return m_platform; }
+    AsrEngine &asr() const { return *m_asr; }
+    TextFormatter &formatter() const { return *m_formatter; }
+    // From key-down until the capture has started (or failed).
+    bool isStarting() const { return m_isStarting; }
+
+    // Readies the speech engine (within 30 s) and the formatter. Never throws: failures set the state.
+    QCoro::Task<void> prepare();
+    // New settings that may need another engine or formatter: saves them, rebuilds both, prepares.
+    QCoro::Task<void> reload(Config config);
+    // New settings that keep the engine and the formatter.
+    QCoro::Task<void> updatePreferences(Config config);
+
+    // Key-down of the key bound to `mode`.
+    void begin(PipelineMode mode);
+    void beginEditing() { begin(PipelineMode::editSelection); }
+    void beginPrompting() { begin(PipelineMode::developerPrompt); }
+    // Key-up; `expectedMode` is the mode whose key went up, or none for whatever is active.
+    void finish(std::optional<PipelineMode> expectedMode = std::nullopt);
+    // Abandons whatever is under way and returns to idle.
+    void cancel();
+    // Whether prompts can be handed to `agent` here: the handoff service exists and the agent is
+    // installed in a trusted folder.
+    bool isAgentAvailable(AgentKind agent) const;
+
+    // "3 minutes", "1 minute", "90 seconds".
+    static QString recordingLimitLabel(qint64 seconds);
+    // The formatter's time budget for a text of `words` words: longer texts earn 50 ms a word past
+    // twenty, up to the configuration's ceiling. `maxBase` caps the configured timeout first.
+    static qint64 formatterBudget(const Config &config, qint64 words, qint64 maxBase = 15000);
+
+private:
+    // How a run ended: the state to show and, for a delivered dictation, its history entry.
+    struct RunOutcome {
+        RunOutcome(PipelineState endState, std::optional<Utterance> utterance = std::nullopt)
+            : state(std::move(endState)), delivered(std::move(utterance)) {}
+        PipelineState state;
+        std::optional<Utterance> delivered;
+    };
+    // Absent when the run was abandoned (cancelled, or the pipeline is gone): nothing more to do.
+    using RunEnd = std::optional<RunOutcome>;
+    // A repository lookup's answer, or why there is none.
+    struct RepositoryLookup {
+        std::optional<RepositoryContext> context;
+        std::optional<QString> error;
+    };
+    // Whether work started under `run` must stop: the pipeline is gone or has moved on.
+    struct RunTicket {
+        QPointer<Pipeline> pipeline;
+        quint64 run = 0;
+        bool abandoned() const { return !pipeline || pipeline->m_run != run; }
+    };
+
+    void setState(const PipelineState &state);
+    RunTicket newRun();
+    void buildEngines();
+    void saveConfig() const;
+    void notify(const QString &title, const QString &body) const;
+    void abandonUtterance();
+    void clearPending();
+    void gatherContext(PipelineMode mode, QStringList &hints);
+    void startRepositoryLookup();
+    void refreshRepositoryContextInBackground();
+    void startRecordingLimit();
+    void stopRecordingLimit();
+    void onRecordingLimit(qint64 limit, const QString &label, PipelineMode mode);
+
+    QCoro::Task<void> startRecording(RunTicket ticket, QStringList hints);
+    QCoro::Task<void> runGuarded(RunTicket ticket, Timings timings);
+    QCoro::Task<RunEnd> runInference(RunTicket ticket, Timings timings);
+    QCoro::Task<RunEnd> runDictation(RunTicket ticket, QString raw, Timings timings);
+    QCoro::Task<RunEnd> runEditCommand(RunTicket ticket, QString raw, Timings timings);
+    QCoro::Task<RunEnd> runDeveloperPrompt(RunTicket ticket, QString raw, Timings timings);
+    QCoro::Task<RepositoryLookup> resolvePendingRepositoryContext();
+    static QCoro::Task<RepositoryLookup> lookUpRepository(std::shared_ptr<RepositoryContextProviding> provider,
+                                                          std::optional<QString> bundleID,
+                                                          std::optional<QString> pinnedPath);
+    static QCoro::Task<void> applyBackgroundLookup(QPointer<Pipeline> pipeline, QCoro::Task<RepositoryLookup> lookup);
+    // Leaves `text` on the clipboard; a failure there is only logged, the caller already reports one.
+    void keepOnClipboard(const QString &text) const;
+    // Throws destinationChanged when the application in front is not the one of key-down.
+    void requireOriginalDestination() const;
+    // Keeps the recording when asked; returns its file name.
+    std::optional<QString> retainCurrentAudio();
+    Utterance makeUtterance(const QString &raw, const QString &formatted, const QString &shipped,
+                            const QString &verdict, const Timings &timings) const;
+    qint64 sinceRelease() const;
+
+    static QString describe(std::exception_ptr error);
+
+    PipelineState m_state;
+    Config m_config;
+    PipelineMode m_activeMode = PipelineMode::dictation;
+    std::optional<RepositoryContext> m_repositoryContext;
+    std::unique_ptr<Store> m_store;
+    std::unique_ptr<Learner> m_learner;
+    LatencyStats m_latency;
+    PlatformKit m_platform;
+    Scheduler &m_scheduler;
+    std::shared_ptr<AsrEngine> m_asr;
+    std::shared_ptr<TextFormatter> m_formatter;
+    std::optional<qint64> m_recordingStart;
+    std::optional<qint64> m_releaseTime;
+    FormattingContext m_pendingContext;
+    std::optional<FrontmostApp> m_pendingApp;
+    std::optional<SelectedTextSnapshot> m_pendingSelection;
+    std::optional<QCoro::Task<RepositoryLookup>> m_pendingRepositoryTask;
+    QString m_utteranceID;
+    Scheduler::Handle m_maxHoldTimer;
+    bool m_isStarting = false;
+    bool m_pendingFinish = false;
+    // Bumped by every start and cancel, so work of an earlier recording or run sees it is stale.
+    quint64 m_run = 0;
+};

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QString>
+
+// What the pipeline is doing; the shell draws the tray icon and the overlay from it.
+struct PipelineState {
+    enum class Kind { error, idle, recording, thinking };
+
+    Kind kind = Kind::idle;
+    // The message shown; only an error carries one.
+    QString message;
+
+    static PipelineState idle() { return {Kind::idle, {}}; }
+    static PipelineState recording() { return {Kind::recording, {}}; }
+    static PipelineState thinking() { return {Kind::thinking, {}}; }
+    static PipelineState error(const QString &message) { return {Kind::error, message}; }
+
+    bool operator==(const PipelineState &) const = default;
+    // "idle", "recording", "thinking", or "error: <message>".
+    QString description() const;
+};
+
+// The three push-to-talk keys' modes.
+enum class PipelineMode { dictation, editSelection, developerPrompt };

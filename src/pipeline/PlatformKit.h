@@ -1,0 +1,41 @@
+#pragma once
+
+#include "core/Config.h"
+#include "formatting/TextFormatter.h"
+#include "platform/AudioCapturing.h"
+#include "platform/GlobalHotkey.h"
+#include "platform/TextInjection.h"
+#include "repository/AgentHandoffLaunching.h"
+#include "repository/RepositoryContextProviding.h"
+#include "speech/AsrEngine.h"
+
+#include <functional>
+#include <memory>
+
+// The desktop services the pipeline and the shell talk to. Services are shared: a run that
+// outlives a settings change, or an abandoned formatter call, keeps what it uses alive.
+struct PlatformKit {
+    using HotkeyFactory = std::function<std::unique_ptr<GlobalHotkey>(PushToTalkKey)>;
+    using NativeAsrFactory = std::function<std::unique_ptr<AsrEngine>()>;
+    using NativeFormatterFactory = std::function<std::unique_ptr<TextFormatter>()>;
+
+    // Builds one watcher per mode key.
+    HotkeyFactory hotkey;
+    std::shared_ptr<AudioCapturing> capture;
+    std::shared_ptr<TextInjector> injector;
+    // Null where the selection cannot be read.
+    std::shared_ptr<SelectionEditing> selectionEditor;
+    std::shared_ptr<FrontmostAppProvider> frontmostApp;
+    // Null where no repository facts are provided.
+    std::shared_ptr<RepositoryContextProviding> repositoryContext;
+    // Null where prompts cannot be handed to a coding agent.
+    std::shared_ptr<AgentHandoffLaunching> agentHandoff;
+    std::shared_ptr<UserNotifier> notifier;
+    // The operating system's recogniser and language model; empty, or yielding null, where there
+    // is none.
+    NativeAsrFactory nativeAsrEngine;
+    NativeFormatterFactory nativeFormatter;
+
+    // Every service its fallback: the starting point of each platform's kit.
+    static PlatformKit fallbacks();
+};

@@ -1,0 +1,19 @@
+#include "platform/PlatformKitFactory.h"
+
+#include "platform/FocusedDocumentSource.h"
+#include "platform/linux/ProcProcessTreeSource.h"
+#include "repository/RepositoryContextProvider.h"
+
+PlatformKit makePlatformKit() {
+    PlatformKit kit = PlatformKit::fallbacks();
+    // Held weakly: the kit, not the repository provider, owns the frontmost-app service.
+    std::weak_ptr<FrontmostAppProvider> frontmost = kit.frontmostApp;
+    kit.repositoryContext = std::make_shared<RepositoryContextProvider>(
+        std::make_shared<ProcProcessTreeSource>(), std::make_shared<UnsupportedFocusedDocumentSource>(),
+        [frontmost]() -> std::optional<qint32> {
+            if (auto provider = frontmost.lock())
+                return provider->frontmostApp().processID;
+            return std::nullopt;
+        });
+    return kit;
+}

@@ -1,0 +1,18 @@
+#include "platform/PlatformKitFactory.h"
+
+#include "platform/mac/MacFocusedDocumentSource.h"
+#include "platform/mac/MacProcessTreeSource.h"
+#include "repository/RepositoryContextProvider.h"
+
+PlatformKit makePlatformKit() {
+    PlatformKit kit = PlatformKit::fallbacks();
+    std::weak_ptr<FrontmostAppProvider> frontmost = kit.frontmostApp;
+    kit.repositoryContext = std::make_shared<RepositoryContextProvider>(
+        std::make_shared<MacProcessTreeSource>(), std::make_shared<MacFocusedDocumentSource>(),
+        [frontmost]() -> std::optional<qint32> {
+            if (auto provider = frontmost.lock())
+                return provider->frontmostApp().processID;
+            return std::nullopt;
+        });
+    return kit;
+}
