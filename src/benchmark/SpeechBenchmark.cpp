@@ -75,6 +75,11 @@ public:
         }
     }
 
+    // A message that must stay on screen.
+    void note(const QString &message) {
+        print(stderr, (m_terminal ? QStringLiteral("\r\033[K") : QString()) + message + u'\n');
+    }
+
     void done() {
         if (m_terminal)
             print(stderr, QStringLiteral("\r\033[K"));
@@ -208,11 +213,6 @@ QCoro::Task<int> run(QStringList arguments, NativeEngineFactory nativeFactory) {
     runInfo.warmup = options.warmup;
     runInfo.limit = options.limit;
 
-    const QString outputDirectory = options.outputDirectory ? QDir(*options.outputDirectory).absolutePath()
-                                                            : defaultOutputDirectory(manifest, started);
-    if (!Paths::makeProtectedDirectory(outputDirectory))
-        co_return usageError(QStringLiteral("Cannot create the output folder %1.").arg(outputDirectory));
-
     print(stdout, QStringLiteral("Normalisation: %1\n").arg(SpeechBenchmarkMetrics::normalizationRule));
     print(stdout, QStringLiteral("Scoring %1 clips of \"%2\" with %3%4, locale %5\n")
                       .arg(clips.size())
@@ -233,13 +233,20 @@ QCoro::Task<int> run(QStringList arguments, NativeEngineFactory nativeFactory) {
         }
     }
 
+    const QString outputDirectory = options.outputDirectory ? QDir(*options.outputDirectory).absolutePath()
+                                                            : defaultOutputDirectory(manifest, started);
+    // A folder we create is private; one the user already has keeps its permissions.
+    const bool created = !QFileInfo::exists(outputDirectory);
+    if (created ? !Paths::makeProtectedDirectory(outputDirectory) : !QFileInfo(outputDirectory).isDir())
+        co_return usageError(QStringLiteral("Cannot create the output folder %1.").arg(outputDirectory));
+
     Progress progress(clips.size());
     for (qsizetype i = 0; i < options.warmup; ++i) {
         const BenchmarkClip &clip = clips[i % clips.size()];
         progress.warmingUp(i, options.warmup, clip.id);
         const ClipResult warm = co_await BenchmarkRunner::runClip(*engines.at(localeOf(clip)), clip, localeOf(clip));
         if (!warm.scored())
-            print(stderr, QStringLiteral("\nwarm-up clip %1 failed: %2\n").arg(clip.id, warm.error));
+            progress.note(QStringLiteral("warm-up clip %1 failed: %2").arg(clip.id, warm.error));
     }
 
     QList<ClipResult> results;

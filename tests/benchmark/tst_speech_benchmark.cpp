@@ -373,6 +373,17 @@ private slots:
         QCOMPARE(summary["wer"]["rate"].toDouble(), 0.0);
     }
 
+    void aServerThatIsNotRunningStopsTheRunBeforeAnyClip() {
+        QTemporaryDir dir;
+        writeWav(dir.filePath("a.wav"), 0.2, 16000);
+        writeFile(dir.filePath("set.json"), manifest({clip("a", "a.wav", "x")}));
+        const QString endpoint = QStringLiteral("http://127.0.0.1:%1").arg(FakeWhisperServer::closedPort());
+        const Finished run = runBenchmark(dir.filePath("home"), {dir.filePath("set.json"), "--endpoint", endpoint});
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY2(run.err.contains("no whisper.cpp server at " + endpoint), qPrintable(run.err));
+        QVERIFY(resultFolders(dir.path()).isEmpty());
+    }
+
     void unusableRequestsExplainAndExitTwo_data() {
         QTest::addColumn<QByteArray>("manifestJson");
         QTest::addColumn<QStringList>("arguments");
