@@ -141,7 +141,8 @@ QString latencyChart(const QList<ClipResult> &results, const BenchmarkSummary &s
         ++counts[std::min<qsizetype>(bins - 1, qsizetype(latency / binWidth))];
     const qsizetype most = *std::max_element(counts.begin(), counts.end());
     const double yStep = std::max(1.0, niceStep(double(most) / 4));
-    const double yMax = std::ceil(double(most) / yStep) * yStep;
+    // One step of headroom above the tallest bin keeps the percentile labels off the bars.
+    const double yMax = (std::floor(double(most) / yStep) + 1) * yStep;
     const auto x = [&](double value) { return left + plotWidth * value / xMax; };
     const auto y = [&](double count) { return top + plotHeight * (1 - count / yMax); };
 
@@ -217,7 +218,7 @@ h1 { font-size: 26px; margin: 0 0 4px; }
 h2 { font-size: 18px; margin: 32px 0 8px; }
 .sub { color: #5c636a; margin: 0 0 20px; }
 .cards { display: flex; flex-wrap: wrap; gap: 12px; }
-.card { background: #fff; border: 1px solid #dde1e6; border-radius: 8px; padding: 12px 16px; min-width: 150px; flex: 1; }
+.card { background: #fff; border: 1px solid #dde1e6; border-radius: 8px; padding: 12px 16px; min-width: 120px; flex: 1 1 0; }
 .card .label { color: #5c636a; font-size: 13px; text-transform: uppercase; letter-spacing: .04em; }
 .card .value { font-size: 26px; font-weight: 600; }
 .card .detail { color: #5c636a; font-size: 13px; }
