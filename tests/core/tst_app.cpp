@@ -186,7 +186,6 @@ private Q_SLOTS:
     void commandsNotYetBuiltSayWhyAndFail_data() {
         QTest::addColumn<QStringList>("arguments");
         QTest::newRow("transcribe") << QStringList{"transcribe", "missing.wav"};
-        QTest::newRow("benchmark") << QStringList{"benchmark"};
     }
     void commandsNotYetBuiltSayWhyAndFail() {
         QFETCH(QStringList, arguments);

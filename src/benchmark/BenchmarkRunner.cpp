@@ -1,0 +1,93 @@
+#include "benchmark/BenchmarkRunner.h"
+
+#include "core/QuorvaneError.h"
+#include "speech/LinearAudioResampler.h"
+#include "speech/WavDecoder.h"
+#include "speech/WhisperServerEngine.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <algorithm>
+#include <cmath>
+#include <stdexcept>
+
+namespace BenchmarkRunner {
+
+namespace {
+
+struct Prepared {
+    std::vector<float> samples;
+    double durationSeconds = 0;
+};
+
+Prepared readClip(const QString &path, double engineRate) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw std::runtime_error(QStringLiteral("cannot read %1: %2").arg(path, file.errorString()).toStdString());
+    WavDecoder::Decoded decoded = WavDecoder::decode(file.readAll());
+    Prepared prepared;
+    if (decoded.sampleRate > 0)
+        prepared.durationSeconds = double(decoded.samples.size()) / decoded.sampleRate;
+    prepared.samples = decoded.sampleRate == engineRate
+                           ? std::move(decoded.samples)
+                           : LinearAudioResampler::resample(decoded.samples, decoded.sampleRate, engineRate);
+    return prepared;
+}
+
+} // namespace
+
+QString describe(std::exception_ptr error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const WavDecoder::DecodeError &e) {
+        return e.errorDescription();
+    } catch (const QuorvaneError &e) {
+        return e.message();
+    } catch (const WhisperServerEngine::TransportError &e) {
+        return QStringLiteral("no answer from the speech server: ") + e.text();
+    } catch (const WhisperServerEngine::ParseError &e) {
+        return QStringLiteral("the speech server's answer was not JSON: ") + e.text();
+    } catch (const std::exception &e) {
+        return QString::fromUtf8(e.what());
+    } catch (...) {
+        return QStringLiteral("unknown error");
+    }
+}
+
+QCoro::Task<ClipResult> runClip(AsrEngine &engine, BenchmarkClip clip, QString locale) {
+    ClipResult result;
+    result.clip = std::move(clip);
+    result.locale = std::move(locale);
+    std::exception_ptr failure;
+    try {
+        const double rate = engine.requiredSampleRate();
+        Prepared prepared = readClip(result.clip.audioPath, rate);
+        result.durationSeconds = prepared.durationSeconds;
+        // No vocabulary hints: the benchmark measures the engine itself.
+        co_await engine.beginUtterance(QStringList());
+        const auto chunkSize = std::max<std::size_t>(1, std::size_t(std::lround(rate * 0.1)));
+        for (std::size_t start = 0; start < prepared.samples.size(); start += chunkSize) {
+            const std::size_t end = std::min(prepared.samples.size(), start + chunkSize);
+            AudioChunk chunk;
+            chunk.samples.assign(prepared.samples.begin() + qsizetype(start),
+                                 prepared.samples.begin() + qsizetype(end));
+            chunk.sampleRate = rate;
+            engine.append(chunk);
+        }
+        QElapsedTimer timer;
+        timer.start();
+        QString hypothesis = co_await engine.finishUtterance();
+        result.latencyMs = double(timer.nsecsElapsed()) / 1e6;
+        result.hypothesis = std::move(hypothesis);
+        result.score = SpeechBenchmarkMetrics::score(result.clip.reference, result.hypothesis);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure) {
+        result.latencyMs.reset();
+        result.error = describe(failure);
+    }
+    co_return result;
+}
+
+} // namespace BenchmarkRunner

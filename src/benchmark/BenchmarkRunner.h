@@ -1,0 +1,18 @@
+#pragma once
+
+#include "benchmark/BenchmarkResults.h"
+#include "speech/AsrEngine.h"
+
+#include <QCoro/QCoroTask>
+#include <exception>
+
+namespace BenchmarkRunner {
+
+// Runs one clip through `engine` as live capture would reach it: decoded, resampled to the engine's
+// rate, fed in 0.1-second chunks, then finished. Never throws: a failure is recorded in the result.
+QCoro::Task<ClipResult> runClip(AsrEngine &engine, BenchmarkClip clip, QString locale);
+
+// The sentence to show for an error thrown by an engine or the decoder.
+QString describe(std::exception_ptr error);
+
+} // namespace BenchmarkRunner

@@ -1,0 +1,14 @@
+#pragma once
+
+#include "core/Config.h"
+#include "speech/AsrEngine.h"
+
+#include <functional>
+#include <memory>
+
+// Builds the platform's on-device recogniser; empty (or returning null) where there is none.
+using NativeAsrFactory = std::function<std::unique_ptr<AsrEngine>()>;
+
+// The speech engine the settings choose: the on-device recogniser when the settings ask for it and
+// the platform has one, otherwise the whisper.cpp server at the configured endpoint and locale.
+std::unique_ptr<AsrEngine> makeAsr(const Config &config, const NativeAsrFactory &nativeFactory);

@@ -1,0 +1,74 @@
+#include "pipeline/EngineChoice.h"
+#include "speech/WhisperServerEngine.h"
+
+#include <QTest>
+
+namespace {
+
+class OnDeviceEngine final : public AsrEngine {
+public:
+    QString name() const override { return QStringLiteral("on-device"); }
+    bool isStreaming() const override { return true; }
+    double requiredSampleRate() const override { return 48000; }
+    QCoro::Task<void> prepare() override { co_return; }
+    QCoro::Task<void> beginUtterance(QStringList) override { co_return; }
+    void append(const AudioChunk &) override {}
+    QCoro::Task<QString> finishUtterance() override { co_return QString(); }
+    QCoro::Task<void> cancelUtterance() override { co_return; }
+};
+
+enum class Native { none, available, declines };
+
+} // namespace
+
+Q_DECLARE_METATYPE(AsrKind)
+Q_DECLARE_METATYPE(Native)
+
+class TestEngineChoice : public QObject {
+    Q_OBJECT
+
+private slots:
+    void settingsAndPlatformDecide_data() {
+        QTest::addColumn<AsrKind>("asr");
+        QTest::addColumn<Native>("native");
+        QTest::addColumn<bool>("expectOnDevice");
+        QTest::newRow("on-device asked, available") << AsrKind::appleSpeech << Native::available << true;
+        QTest::newRow("on-device asked, platform has none") << AsrKind::appleSpeech << Native::none << false;
+        QTest::newRow("on-device asked, factory declines") << AsrKind::appleSpeech << Native::declines << false;
+        QTest::newRow("whisper asked, on-device available") << AsrKind::whisperServer << Native::available << false;
+    }
+    void settingsAndPlatformDecide() {
+        QFETCH(AsrKind, asr);
+        QFETCH(Native, native);
+        QFETCH(bool, expectOnDevice);
+        Config config;
+        config.asr = asr;
+        config.whisperEndpoint = QStringLiteral("http://localhost:9123");
+        config.locale = QStringLiteral("pt-BR");
+        int factoryCalls = 0;
+        NativeAsrFactory factory;
+        if (native != Native::none) {
+            factory = [&]() -> std::unique_ptr<AsrEngine> {
+                ++factoryCalls;
+                if (native == Native::declines)
+                    return nullptr;
+                return std::make_unique<OnDeviceEngine>();
+            };
+        }
+        const std::unique_ptr<AsrEngine> engine = makeAsr(config, factory);
+        QVERIFY(engine);
+        // The platform is asked only when the settings want the on-device engine.
+        QCOMPARE(factoryCalls, asr == AsrKind::appleSpeech && native != Native::none ? 1 : 0);
+        if (expectOnDevice) {
+            QCOMPARE(engine->name(), QStringLiteral("on-device"));
+            return;
+        }
+        const auto *whisper = dynamic_cast<const WhisperServerEngine *>(engine.get());
+        QVERIFY(whisper);
+        QCOMPARE(whisper->endpoint(), QUrl(QStringLiteral("http://localhost:9123")));
+        QCOMPARE(whisper->language(), QStringLiteral("pt-BR"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestEngineChoice)
+#include "tst_engine_choice.moc"
