@@ -11,10 +11,10 @@
 #include "formatting/RewriteCommand.h"
 #include "formatting/RewriteGuard.h"
 #include "formatting/TranscriptGuard.h"
+#include "pipeline/EngineChoice.h"
 #include "repository/AgentExecutableLocator.h"
 #include "repository/OffThread.h"
 #include "speech/RecognitionContextBuilder.h"
-#include "speech/WhisperServerEngine.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -39,14 +39,6 @@ void logTaskFailure(std::exception_ptr error) {
 // Holds the engine itself, so that replacing the engine meanwhile cannot pull it from under the task.
 QCoro::Task<void> abandonOn(std::shared_ptr<AsrEngine> engine) {
     co_await engine->cancelUtterance();
-}
-
-std::shared_ptr<AsrEngine> chooseAsr(const Config &config, const PlatformKit::NativeAsrFactory &native) {
-    if (config.asr == AsrKind::appleSpeech && native) {
-        if (auto engine = native())
-            return engine;
-    }
-    return std::make_shared<WhisperServerEngine>(config.whisperEndpoint, config.locale);
 }
 
 std::shared_ptr<TextFormatter> chooseFormatter(const Config &config,
@@ -123,7 +115,7 @@ Pipeline::RunTicket Pipeline::newRun() {
 }
 
 void Pipeline::buildEngines() {
-    m_asr = chooseAsr(m_config, m_platform.nativeAsrEngine);
+    m_asr = makeAsr(m_config, m_platform.nativeAsrEngine);
     m_formatter = chooseFormatter(m_config, m_platform.nativeFormatter);
 }
 
@@ -484,6 +476,18 @@ void Pipeline::finish(std::optional<PipelineMode> expectedMode) {
     Timings timings;
     timings.recordingMS = held;
     detach(runGuarded(RunTicket{QPointer<Pipeline>(this), m_run}, timings), logTaskFailure);
+}
+
+void Pipeline::bindHotkey(GlobalHotkey &hotkey, PipelineMode mode) {
+    QPointer<Pipeline> self(this);
+    hotkey.onPress = [self, mode] {
+        if (self)
+            self->begin(mode);
+    };
+    hotkey.onRelease = [self, mode] {
+        if (self)
+            self->finish(mode);
+    };
 }
 
 void Pipeline::cancel() {

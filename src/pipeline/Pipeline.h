@@ -65,6 +65,8 @@ public:
     void beginPrompting() { begin(PipelineMode::developerPrompt); }
     // Key-up; `expectedMode` is the mode whose key went up, or none for whatever is active.
     void finish(std::optional<PipelineMode> expectedMode = std::nullopt);
+    // Wires a watcher's press and release to `mode`'s begin and finish.
+    void bindHotkey(GlobalHotkey &hotkey, PipelineMode mode);
     // Abandons whatever is under way and returns to idle.
     void cancel();
     // Whether prompts can be handed to `agent` here: the handoff service exists and the agent is

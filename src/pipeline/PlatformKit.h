@@ -2,6 +2,7 @@
 
 #include "core/Config.h"
 #include "formatting/TextFormatter.h"
+#include "pipeline/EngineChoice.h"
 #include "platform/AudioCapturing.h"
 #include "platform/GlobalHotkey.h"
 #include "platform/TextInjection.h"
@@ -16,7 +17,7 @@
 // outlives a settings change, or an abandoned formatter call, keeps what it uses alive.
 struct PlatformKit {
     using HotkeyFactory = std::function<std::unique_ptr<GlobalHotkey>(PushToTalkKey)>;
-    using NativeAsrFactory = std::function<std::unique_ptr<AsrEngine>()>;
+    using NativeAsrFactory = ::NativeAsrFactory;
     using NativeFormatterFactory = std::function<std::unique_ptr<TextFormatter>()>;
 
     // Builds one watcher per mode key.

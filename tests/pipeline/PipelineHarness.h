@@ -1,0 +1,131 @@
+#pragma once
+
+#include "FakeAudioCapture.h"
+#include "FakeDesktop.h"
+#include "FakeHotkey.h"
+#include "FakeOnDeviceModel.h"
+#include "FakeWhisperServer.h"
+#include "core/Log.h"
+#include "core/Scheduler.h"
+#include "pipeline/Pipeline.h"
+
+#include <QTemporaryDir>
+#include <QTest>
+#include <memory>
+#include <mutex>
+
+// One pipeline wired to fake desktop services, a fake whisper server on a loopback socket and a
+// manual clock. Scenarios press keys, advance time and read what the user would have seen.
+class PipelineHarness {
+public:
+    PipelineHarness() {
+        Log::setObserver([this](const QString &level, const QString &message) {
+            std::lock_guard lock(m_logMutex);
+            m_log.append(level + QLatin1Char(' ') + message);
+        });
+        capture->setPreRoll(std::vector<float>(1600, 0.1f));
+        frontmost->app = FrontmostApp{QStringLiteral("Notes"), QStringLiteral("com.apple.Notes"), 42};
+        config.asr = AsrKind::whisperServer;
+        config.whisperEndpoint = whisper.url().toString();
+        config.formatter = FormatterKind::appleFoundation;
+        config.learnVocabulary = true;
+        config.retainHistory = true;
+    }
+    ~PipelineHarness() {
+        pipeline.reset();
+        Log::setObserver({});
+    }
+
+    // Builds the pipeline from `config` and the fakes; call after adjusting them.
+    Pipeline &build() {
+        PlatformKit kit;
+        kit.capture = capture;
+        kit.injector = injector;
+        kit.selectionEditor = selection;
+        kit.frontmostApp = frontmost;
+        kit.notifier = notifier;
+        kit.agentHandoff = agent;
+        kit.repositoryContext = repositoryProvider;
+        kit.nativeFormatter = [this]() -> std::unique_ptr<TextFormatter> {
+            if (!offerModel)
+                return nullptr;
+            auto created = std::make_unique<FakeOnDeviceModel>();
+            created->available = modelAvailable;
+            model = created.get();
+            return created;
+        };
+        pipeline = std::make_unique<Pipeline>(config, kit, scheduler, std::make_unique<Store>(data.path()),
+                                              std::make_unique<Learner>(data.filePath("learned.json"), scheduler));
+        pipeline->onStateChange = [this](const PipelineState &state) { states.append(state); };
+        pipeline->onUtterance = [this](const Utterance &utterance) { utterances.append(utterance); };
+        pipeline->bindHotkey(dictationKey, PipelineMode::dictation);
+        pipeline->bindHotkey(editKey, PipelineMode::editSelection);
+        pipeline->bindHotkey(promptKey, PipelineMode::developerPrompt);
+        return *pipeline;
+    }
+
+    PipelineState::Kind kind() const { return pipeline->state().kind; }
+
+    // Presses `key` and waits until the microphone runs.
+    bool press(FakeHotkey &key) {
+        key.press();
+        return QTest::qWaitFor([this] { return !pipeline->isStarting(); }, 2000) &&
+               kind() == PipelineState::Kind::recording;
+    }
+    // Holds `key` for `ms` of the manual clock while `samples` arrive, then releases it.
+    bool hold(FakeHotkey &key, qint64 ms = 1200) {
+        if (!press(key))
+            return false;
+        capture->deliver(std::vector<float>(8000, 0.2f));
+        scheduler.advance(ms);
+        key.release();
+        return true;
+    }
+    // Waits (real time, briefly) until the run has ended in idle or error.
+    bool settle() {
+        return QTest::qWaitFor(
+            [this] {
+                return !pipeline->isStarting() &&
+                       (kind() == PipelineState::Kind::idle || kind() == PipelineState::Kind::error);
+            },
+            3000);
+    }
+    bool holdAndSettle(FakeHotkey &key, qint64 ms = 1200) { return hold(key, ms) && settle(); }
+
+    QStringList log() const {
+        std::lock_guard lock(m_logMutex);
+        return m_log;
+    }
+    bool logged(const QString &line) const { return log().contains(line); }
+    bool loggedStartingWith(const QString &prefix) const {
+        const QStringList lines = log();
+        return std::any_of(lines.begin(), lines.end(), [&](const QString &line) { return line.startsWith(prefix); });
+    }
+    // Position of a line in the log, -1 when absent.
+    qsizetype logIndex(const QString &line) const { return log().indexOf(line); }
+
+    QTemporaryDir data;
+    FakeWhisperServer whisper;
+    ManualScheduler scheduler;
+    Config config;
+    std::shared_ptr<FakeAudioCapture> capture = std::make_shared<FakeAudioCapture>();
+    std::shared_ptr<RecordingInjector> injector = std::make_shared<RecordingInjector>();
+    std::shared_ptr<FakeSelectionEditor> selection = std::make_shared<FakeSelectionEditor>();
+    std::shared_ptr<FakeFrontmostApp> frontmost = std::make_shared<FakeFrontmostApp>();
+    std::shared_ptr<RecordingNotifier> notifier = std::make_shared<RecordingNotifier>();
+    std::shared_ptr<FakeAgentLauncher> agent = std::make_shared<FakeAgentLauncher>();
+    std::shared_ptr<RepositoryContextProviding> repositoryProvider;
+    bool offerModel = true;
+    bool modelAvailable = true;
+    FakeOnDeviceModel *model = nullptr;
+    FakeHotkey dictationKey{PushToTalkKey::rightOption};
+    FakeHotkey editKey{PushToTalkKey::rightCommand};
+    FakeHotkey promptKey{PushToTalkKey::fn};
+    std::unique_ptr<Pipeline> pipeline;
+    QList<PipelineState> states;
+    QList<Utterance> utterances;
+
+private:
+    mutable std::mutex m_logMutex;
+    QStringList m_log;
+};
