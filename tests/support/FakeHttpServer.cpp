@@ -140,6 +140,12 @@ FakeHttpServer::Response FakeHttpServer::Response::delayedBy(int milliseconds) c
     return response;
 }
 
+FakeHttpServer::Response FakeHttpServer::Response::withStatus(int code) const {
+    Response response = *this;
+    response.status = code;
+    return response;
+}
+
 FakeHttpServer::FakeHttpServer(QObject *parent) : QObject(parent), m_server(new QTcpServer(this)) {
     connect(m_server, &QTcpServer::newConnection, this, &FakeHttpServer::onNewConnection);
     if (!m_server->listen(QHostAddress::LocalHost, 0))

@@ -56,6 +56,7 @@ public:
         static Response invalidJson();
         static Response droppedConnection();
         Response delayedBy(int milliseconds) const;
+        Response withStatus(int status) const;
     };
 
     // Listens on 127.0.0.1 on a free port.
