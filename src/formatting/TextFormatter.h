@@ -5,6 +5,7 @@
 
 #include <QCoro/QCoroTask>
 #include <QString>
+#include <optional>
 
 // A language model (or none) that turns spoken text into written text. Its replies are never
 // trusted as they stand: each mode passes them through its guard before anything is pasted.
@@ -19,6 +20,8 @@ public:
     virtual bool isAvailable() const = 0;
     // Probes and warms the model. Never fails.
     virtual QCoro::Task<void> prepare() = 0;
+    // Why the formatter cannot serve requests, when it knows (lower case, for logs and errors).
+    virtual std::optional<QString> unavailableReason() const { return std::nullopt; }
 
     // Dictation clean-up.
     virtual QCoro::Task<QString> format(QString transcript, FormattingContext context) = 0;

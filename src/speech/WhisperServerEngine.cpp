@@ -6,13 +6,8 @@
 #include "core/Text.h"
 #include "speech/WavEncoder.h"
 
-#include <QCoro/QCoroNetworkReply>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QJsonParseError>
-#include <QNetworkAccessManager>
-#include <QNetworkProxy>
-#include <QNetworkRequest>
 #include <QRegularExpression>
 #include <QTextBoundaryFinder>
 #include <QUuid>
@@ -22,29 +17,6 @@ namespace {
 constexpr int kHealthTimeoutMs = 2000;
 constexpr int kInferenceTimeoutMs = 60000;
 constexpr qsizetype kMaxContextualStrings = 40;
-
-struct ReplyDeleter {
-    void operator()(QNetworkReply *reply) const { reply->deleteLater(); }
-};
-using ReplyHandle = std::unique_ptr<QNetworkReply, ReplyDeleter>;
-
-// Did the server answer with HTTP at all? Qt reports statuses >= 400 as errors too, with the status
-// attribute set; a broken exchange has no status or a transport-level error code.
-bool isHttpAnswer(const QNetworkReply &reply) {
-    if (!reply.attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid())
-        return false;
-    const int error = reply.error();
-    return error == QNetworkReply::NoError || (error >= 201 && error <= 299) || (error >= 401 && error <= 499) ||
-           error == QNetworkReply::ProtocolInvalidOperationError;
-}
-
-QNetworkRequest makeRequest(const QUrl &url, int timeoutMs) {
-    QNetworkRequest request(url);
-    request.setTransferTimeout(timeoutMs);
-    // A loopback server has no business redirecting us anywhere, least of all off the machine.
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
-    return request;
-}
 
 // The first `count` user-perceived characters; the whole text when it is shorter.
 QString leadingCharacters(const QString &text, int count) {
@@ -86,10 +58,7 @@ QByteArray multipartBody(const QByteArray &boundary, const QByteArray &wav, cons
 }
 
 QString transcriptFromBody(const QByteArray &body) {
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
-    if (parseError.error != QJsonParseError::NoError)
-        throw WhisperServerEngine::ParseError(parseError.errorString());
+    const QJsonDocument document = LoopbackHttp::parseJson(body);
     const QJsonValue text = document.isObject() ? document.object().value(QLatin1String("text")) : QJsonValue();
     if (text.isString())
         return text.toString();
@@ -106,24 +75,15 @@ WhisperServerEngine::WhisperServerEngine(const QString &endpoint, const QString 
 
 WhisperServerEngine::~WhisperServerEngine() = default;
 
-std::shared_ptr<QNetworkAccessManager> WhisperServerEngine::network() {
-    if (!m_network) {
-        // Requests in flight hold their own reference, and the manager is deleted from the event
-        // loop, never inside one of its replies' signals.
-        m_network.reset(new QNetworkAccessManager, [](QNetworkAccessManager *manager) { manager->deleteLater(); });
-        // Loopback only: a proxy from the environment must not see the user's audio.
-        m_network->setProxy(QNetworkProxy::NoProxy);
-    }
-    return m_network;
-}
-
 QCoro::Task<void> WhisperServerEngine::prepare() {
-    const QUrl endpoint = m_endpoint;
-    const auto manager = network();
-    ReplyHandle reply(manager->get(makeRequest(endpoint, kHealthTimeoutMs)));
-    co_await reply.get();
-    const QString endpointText = endpoint.toString(QUrl::FullyEncoded);
-    if (!isHttpAnswer(*reply))
+    const QString endpointText = m_endpoint.toString(QUrl::FullyEncoded);
+    bool answered = true;
+    try {
+        co_await m_http.get(m_endpoint, kHealthTimeoutMs);
+    } catch (const TransportError &) {
+        answered = false;
+    }
+    if (!answered)
         throw QuorvaneError::speechModelUnavailable(QStringLiteral("no whisper.cpp server at ") + endpointText +
                                                     QStringLiteral(". Start one with: whisper-server -m "
                                                                    "<model.bin> --port 8080"));
@@ -171,23 +131,13 @@ QCoro::Task<QString> WhisperServerEngine::finishUtterance() {
     recycle(std::move(drained.samples));
 
     const QByteArray boundary = "speakwell-" + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper().toLatin1();
-    QUrl url = m_endpoint;
-    QString path = url.path();
-    if (!path.endsWith(QLatin1Char('/')))
-        path += QLatin1Char('/');
-    url.setPath(path + QStringLiteral("inference"));
-    QNetworkRequest request = makeRequest(url, kInferenceTimeoutMs);
-    request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArray("multipart/form-data; boundary=" + boundary));
-
     // Nothing of `this` is touched after the request leaves: the engine may be replaced meanwhile.
-    const auto manager = network();
-    ReplyHandle reply(manager->post(request, multipartBody(boundary, wav, m_language, drained.prompt)));
-    co_await reply.get();
-    if (!isHttpAnswer(*reply))
-        throw TransportError(reply->error(), reply->errorString());
-    if (reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() != 200)
+    const LoopbackHttp::Reply reply = co_await m_http.post(
+        LoopbackHttp::appendPath(m_endpoint, QStringLiteral("inference")), "multipart/form-data; boundary=" + boundary,
+        multipartBody(boundary, wav, m_language, drained.prompt), kInferenceTimeoutMs);
+    if (reply.status != 200)
         throw QuorvaneError::speechModelUnavailable(QStringLiteral("whisper server returned an error"));
-    co_return stripAnnotations(transcriptFromBody(reply->readAll()));
+    co_return stripAnnotations(transcriptFromBody(reply.body));
 }
 
 QCoro::Task<void> WhisperServerEngine::cancelUtterance() {

@@ -203,11 +203,11 @@ private slots:
 
         FakeWhisperServer server;
         // The warm-up gets a transcript that would spoil c1 if it were scored.
-        server.enqueueInference(Response::transcript(" warm up noise"));
-        server.enqueueInference(Response::transcript(" The quick brown fox.\n").delayedBy(60));
-        server.enqueueInference(Response::transcript(" I have three cats.\n").delayedBy(20));
-        server.enqueueInference(Response::transcript(" hello there world again\n").delayedBy(40));
-        server.enqueueInference(Response::transcript(" He said, \"yes\"\n"));
+        server.enqueueInference(FakeWhisperServer::transcript(" warm up noise"));
+        server.enqueueInference(FakeWhisperServer::transcript(" The quick brown fox.\n").delayedBy(60));
+        server.enqueueInference(FakeWhisperServer::transcript(" I have three cats.\n").delayedBy(20));
+        server.enqueueInference(FakeWhisperServer::transcript(" hello there world again\n").delayedBy(40));
+        server.enqueueInference(FakeWhisperServer::transcript(" He said, \"yes\"\n"));
         const QString out = dir.filePath("results");
         const Finished run = runBenchmark(
             home, {dir.filePath("data/set.json"), "--endpoint", server.url().toString(), "--warmup", "1", "--out", out},
@@ -315,9 +315,9 @@ private slots:
         writeFile(dir.filePath("set.json"), manifest(clips));
 
         FakeWhisperServer server;
-        server.enqueueInference(Response::transcript(" one two\n"));
+        server.enqueueInference(FakeWhisperServer::transcript(" one two\n"));
         server.enqueueInference(Response::plainText(500, "Internal Server Error"));
-        server.enqueueInference(Response::transcript(" four five\n"));
+        server.enqueueInference(FakeWhisperServer::transcript(" four five\n"));
         const QString out = dir.filePath("out");
         const Finished run = runBenchmark(
             dir.filePath("home"), {dir.filePath("set.json"), "--endpoint", server.url().toString(), "--out", out});
@@ -433,7 +433,7 @@ private slots:
                 argument = dir.filePath("set.json");
         }
         FakeWhisperServer server;
-        server.setDefaultInference(Response::transcript("should not be asked"));
+        server.setDefaultInference(FakeWhisperServer::transcript("should not be asked"));
         // First, so a row's own options still end the command line.
         if (!arguments.contains("--endpoint") && !arguments.contains("native"))
             arguments.prepend("--endpoint=" + server.url().toString());

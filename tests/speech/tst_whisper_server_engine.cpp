@@ -232,9 +232,9 @@ private slots:
         QTest::addColumn<bool>("parseError");
         const std::optional<QString> none;
         QTest::newRow("segments trimmed")
-            << Response::transcript(QStringLiteral(" Hello there.\n General.\n"))
+            << FakeWhisperServer::transcript(QStringLiteral(" Hello there.\n General.\n"))
             << std::optional(QStringLiteral("Hello there. General.")) << false << false << false;
-        QTest::newRow("blank audio is empty") << Response::transcript(QStringLiteral(" [BLANK_AUDIO] "))
+        QTest::newRow("blank audio is empty") << FakeWhisperServer::transcript(QStringLiteral(" [BLANK_AUDIO] "))
                                               << std::optional(QString()) << false << false << false;
         QTest::newRow("500") << Response::plainText(500, "Internal Server Error") << none << true << false << false;
         QTest::newRow("JSON error body with 503")
@@ -247,7 +247,7 @@ private slots:
         QTest::newRow("text that is not a string returned raw")
             << Response::json(200, "{\"text\": 42}") << std::optional(QStringLiteral("{\"text\": 42}")) << false
             << false << false;
-        QTest::newRow("slow answer") << Response::transcript(QStringLiteral(" Late. ")).delayedBy(60)
+        QTest::newRow("slow answer") << FakeWhisperServer::transcript(QStringLiteral(" Late. ")).delayedBy(60)
                                      << std::optional(QStringLiteral("Late.")) << false << false << false;
         QTest::newRow("dropped connection") << Response::droppedConnection() << none << false << true << false;
     }

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <QByteArray>
+#include <QCoro/QCoroTask>
+#include <QJsonDocument>
+#include <QNetworkReply>
+#include <QString>
+#include <QUrl>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+
+class QNetworkAccessManager;
+
+// HTTP to the local model and speech servers: no proxy (what we send must not leave the machine),
+// no redirects, a transfer time-out on every request and every reply owned and deleted.
+class LoopbackHttp {
+public:
+    // The exchange failed below HTTP (refused, reset, timed out); callers pass it on unchanged.
+    class TransportError : public std::exception {
+    public:
+        TransportError(QNetworkReply::NetworkError code, const QString &text)
+            : m_code(code), m_text(text), m_what(text.toStdString()) {}
+        QNetworkReply::NetworkError code() const { return m_code; }
+        const QString &text() const { return m_text; }
+        const char *what() const noexcept override { return m_what.c_str(); }
+
+    private:
+        QNetworkReply::NetworkError m_code;
+        QString m_text;
+        std::string m_what;
+    };
+
+    // A body that should have been JSON and is not.
+    class ParseError : public std::exception {
+    public:
+        explicit ParseError(const QString &text) : m_text(text), m_what(text.toStdString()) {}
+        const QString &text() const { return m_text; }
+        const char *what() const noexcept override { return m_what.c_str(); }
+
+    private:
+        QString m_text;
+        std::string m_what;
+    };
+
+    // Any HTTP answer, whatever its status.
+    struct Reply {
+        int status = 0;
+        QByteArray body;
+    };
+
+    LoopbackHttp();
+    ~LoopbackHttp();
+    LoopbackHttp(const LoopbackHttp &) = delete;
+    LoopbackHttp &operator=(const LoopbackHttp &) = delete;
+
+    // Both throw TransportError when no HTTP answer arrives within `timeoutMs`. The request keeps
+    // what it needs alive on its own, so the caller may be destroyed while it is in flight.
+    QCoro::Task<Reply> get(const QUrl &url, int timeoutMs);
+    QCoro::Task<Reply> post(const QUrl &url, const QByteArray &contentType, const QByteArray &body, int timeoutMs);
+
+    // `base` with `relativePath` appended to its path ("http://h:1/x" + "api/tags" → "http://h:1/x/api/tags").
+    static QUrl appendPath(const QUrl &base, const QString &relativePath);
+    // Throws ParseError when `body` is not JSON.
+    static QJsonDocument parseJson(const QByteArray &body);
+
+private:
+    std::shared_ptr<QNetworkAccessManager> network();
+
+    std::shared_ptr<QNetworkAccessManager> m_network;
+};

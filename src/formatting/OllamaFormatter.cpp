@@ -1,0 +1,124 @@
+#include "formatting/OllamaFormatter.h"
+
+#include "core/LocalServiceEndpoint.h"
+#include "core/Log.h"
+#include "core/QuorvaneError.h"
+#include "formatting/FormatterPrompt.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+namespace {
+
+constexpr int kModelListTimeoutMs = 2000;
+constexpr int kGenerateTimeoutMs = 30000;
+
+// The names under "models", in the server's order; any other shape lists nothing.
+QStringList modelNames(const QJsonDocument &document) {
+    QStringList names;
+    const QJsonValue models = document.isObject() ? document.object().value(QLatin1String("models")) : QJsonValue();
+    for (const QJsonValue &model : models.toArray()) {
+        const QJsonValue name = model.toObject().value(QLatin1String("name"));
+        if (name.isString())
+            names.append(name.toString());
+    }
+    return names;
+}
+
+QByteArray generateBody(const QString &model, const QString &prompt, const QString &system, int maxTokens) {
+    const QJsonObject options{
+        {QStringLiteral("temperature"), 0},
+        {QStringLiteral("num_predict"), maxTokens},
+    };
+    const QJsonObject body{
+        {QStringLiteral("model"), model},  {QStringLiteral("prompt"), prompt}, {QStringLiteral("system"), system},
+        {QStringLiteral("stream"), false}, {QStringLiteral("think"), false},   {QStringLiteral("options"), options},
+    };
+    return QJsonDocument(body).toJson(QJsonDocument::Compact);
+}
+
+} // namespace
+
+OllamaFormatter::OllamaFormatter(const std::optional<QString> &endpoint, const QString &model)
+    : m_name(QStringLiteral("Ollama \u00B7 ") + model),
+      m_endpoint(LocalServiceEndpoint::resolve(endpoint.value_or(QString()), QStringLiteral("http://127.0.0.1:11434"))),
+      m_model(model) {}
+
+QCoro::Task<void> OllamaFormatter::prepare() {
+    const QString unreachable = QStringLiteral("Ollama not reachable at ") + m_endpoint.toString(QUrl::FullyEncoded);
+    std::optional<LoopbackHttp::Reply> reply;
+    try {
+        reply =
+            co_await m_http.get(LoopbackHttp::appendPath(m_endpoint, QStringLiteral("api/tags")), kModelListTimeoutMs);
+    } catch (const LoopbackHttp::TransportError &) {
+    }
+    if (!reply) {
+        m_available = false;
+        Log::warn(unreachable);
+        co_return;
+    }
+    // Something answers on the port but not as Ollama does; not worth a warning of its own.
+    if (reply->status != 200) {
+        m_available = false;
+        co_return;
+    }
+    std::optional<QJsonDocument> document;
+    try {
+        document = LoopbackHttp::parseJson(reply->body);
+    } catch (const LoopbackHttp::ParseError &) {
+    }
+    if (!document) {
+        m_available = false;
+        Log::warn(unreachable);
+        co_return;
+    }
+    const QStringList names = modelNames(*document);
+    // Exact names only: "llama3.2" and "llama3.2:latest" are different names to the server's API.
+    m_available = names.contains(m_model, Qt::CaseSensitive);
+    if (!m_available) {
+        Log::warn(QStringLiteral("Ollama is running but '") + m_model + QStringLiteral("' is not pulled. Available: ") +
+                  names.join(QStringLiteral(", ")));
+        co_return;
+    }
+    Log::info(QStringLiteral("Formatter ready \u00B7 ") + m_name);
+    // Loads the model into the server's memory before the first dictation needs it; a failure here
+    // says nothing about the next request.
+    try {
+        co_await generate(QStringLiteral("hi"), QStringLiteral("Reply with: ok"), 4);
+    } catch (...) {
+    }
+}
+
+QCoro::Task<QString> OllamaFormatter::format(QString transcript, FormattingContext context) {
+    return run(ModelRequest::format(transcript, context));
+}
+
+QCoro::Task<QString> OllamaFormatter::rewrite(QString text, RewriteCommand command, FormattingContext context) {
+    return run(ModelRequest::rewrite(text, command, context));
+}
+
+QCoro::Task<QString> OllamaFormatter::compileDeveloperPrompt(QString transcript, FormattingContext context) {
+    return run(ModelRequest::developerPrompt(transcript, context));
+}
+
+QCoro::Task<QString> OllamaFormatter::run(ModelRequest request) {
+    if (!m_available)
+        throw QuorvaneError::formatterUnavailable(QStringLiteral("Ollama model '") + m_model +
+                                                  QStringLiteral("' is not available"));
+    const QString reply = co_await generate(request.prompt, request.system, request.maxTokens);
+    co_return FormatterPrompt::sanitize(reply);
+}
+
+QCoro::Task<QString> OllamaFormatter::generate(QString prompt, QString system, int maxTokens) {
+    // Nothing of `this` is touched once the request has left.
+    const LoopbackHttp::Reply reply =
+        co_await m_http.post(LoopbackHttp::appendPath(m_endpoint, QStringLiteral("api/generate")), "application/json",
+                             generateBody(m_model, prompt, system, maxTokens), kGenerateTimeoutMs);
+    if (reply.status != 200)
+        throw QuorvaneError::formatterUnavailable(QStringLiteral("Ollama returned HTTP error"));
+    const QJsonDocument document = LoopbackHttp::parseJson(reply.body);
+    const QJsonValue response = document.isObject() ? document.object().value(QLatin1String("response")) : QJsonValue();
+    // An empty text is for the guard to refuse.
+    co_return response.isString() ? response.toString() : QString();
+}
