@@ -41,15 +41,6 @@ QCoro::Task<void> abandonOn(std::shared_ptr<AsrEngine> engine) {
     co_await engine->cancelUtterance();
 }
 
-std::shared_ptr<TextFormatter> chooseFormatter(const Config &config,
-                                               const PlatformKit::NativeFormatterFactory &native) {
-    if (config.formatter == FormatterKind::appleFoundation && native) {
-        if (auto formatter = native())
-            return formatter;
-    }
-    return std::make_shared<PassthroughFormatter>();
-}
-
 bool isPassthrough(const TextFormatter &formatter) {
     return dynamic_cast<const PassthroughFormatter *>(&formatter) != nullptr;
 }
@@ -116,7 +107,7 @@ Pipeline::RunTicket Pipeline::newRun() {
 
 void Pipeline::buildEngines() {
     m_asr = makeAsr(m_config, m_platform.nativeAsrEngine);
-    m_formatter = chooseFormatter(m_config, m_platform.nativeFormatter);
+    m_formatter = makeFormatter(m_config, m_platform.nativeFormatter);
 }
 
 void Pipeline::saveConfig() const {

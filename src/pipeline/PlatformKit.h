@@ -18,7 +18,7 @@
 struct PlatformKit {
     using HotkeyFactory = std::function<std::unique_ptr<GlobalHotkey>(PushToTalkKey)>;
     using NativeAsrFactory = ::NativeAsrFactory;
-    using NativeFormatterFactory = std::function<std::unique_ptr<TextFormatter>()>;
+    using NativeFormatterFactory = ::NativeFormatterFactory;
 
     // Builds one watcher per mode key.
     HotkeyFactory hotkey;

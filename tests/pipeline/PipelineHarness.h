@@ -3,8 +3,9 @@
 #include "FakeAudioCapture.h"
 #include "FakeDesktop.h"
 #include "FakeHotkey.h"
-#include "FakeOnDeviceModel.h"
+#include "FakeOllamaServer.h"
 #include "FakeWhisperServer.h"
+#include "core/Async.h"
 #include "core/Log.h"
 #include "core/Scheduler.h"
 #include "pipeline/Pipeline.h"
@@ -27,7 +28,9 @@ public:
         frontmost->app = FrontmostApp{QStringLiteral("Notes"), QStringLiteral("com.apple.Notes"), 42};
         config.asr = AsrKind::whisperServer;
         config.whisperEndpoint = whisper.url().toString();
-        config.formatter = FormatterKind::appleFoundation;
+        config.formatter = FormatterKind::ollama;
+        config.ollamaEndpoint = ollama.url().toString();
+        config.ollamaModel = QStringLiteral("llama3.2:latest");
         config.learnVocabulary = true;
         config.retainHistory = true;
     }
@@ -46,14 +49,6 @@ public:
         kit.notifier = notifier;
         kit.agentHandoff = agent;
         kit.repositoryContext = repositoryProvider;
-        kit.nativeFormatter = [this]() -> std::unique_ptr<TextFormatter> {
-            if (!offerModel)
-                return nullptr;
-            auto created = std::make_unique<FakeOnDeviceModel>();
-            created->available = modelAvailable;
-            model = created.get();
-            return created;
-        };
         pipeline = std::make_unique<Pipeline>(config, kit, scheduler, std::make_unique<Store>(data.path()),
                                               std::make_unique<Learner>(data.filePath("learned.json"), scheduler));
         pipeline->onStateChange = [this](const PipelineState &state) { states.append(state); };
@@ -63,6 +58,22 @@ public:
         pipeline->bindHotkey(promptKey, PipelineMode::developerPrompt);
         return *pipeline;
     }
+    // Builds and prepares, so that the formatter has found its model.
+    Pipeline &ready() {
+        build();
+        syncWait(pipeline->prepare());
+        return *pipeline;
+    }
+    // The model's next answer.
+    void reply(const QString &text, int delayMs = 0) {
+        ollama.enqueueGenerate(FakeOllamaServer::generation(text).delayedBy(delayMs));
+    }
+    // Waits until the model has been asked `count` times.
+    bool modelAsked(int count = 1) {
+        return QTest::qWaitFor([&] { return ollama.generateRequests().size() >= count; }, 2000);
+    }
+    // What the whisper server answers next.
+    void transcript(const QString &text) { whisper.enqueueInference(FakeWhisperServer::transcript(text)); }
 
     PipelineState::Kind kind() const { return pipeline->state().kind; }
 
@@ -106,6 +117,7 @@ public:
 
     QTemporaryDir data;
     FakeWhisperServer whisper;
+    FakeOllamaServer ollama;
     ManualScheduler scheduler;
     Config config;
     std::shared_ptr<FakeAudioCapture> capture = std::make_shared<FakeAudioCapture>();
@@ -115,9 +127,6 @@ public:
     std::shared_ptr<RecordingNotifier> notifier = std::make_shared<RecordingNotifier>();
     std::shared_ptr<FakeAgentLauncher> agent = std::make_shared<FakeAgentLauncher>();
     std::shared_ptr<RepositoryContextProviding> repositoryProvider;
-    bool offerModel = true;
-    bool modelAvailable = true;
-    FakeOnDeviceModel *model = nullptr;
     FakeHotkey dictationKey{PushToTalkKey::rightOption};
     FakeHotkey editKey{PushToTalkKey::rightCommand};
     FakeHotkey promptKey{PushToTalkKey::fn};
