@@ -62,16 +62,19 @@ public:
     Pipeline &ready() {
         build();
         syncWait(pipeline->prepare());
+        m_warmUps = ollama.generateRequests().size();
         return *pipeline;
     }
     // The model's next answer.
     void reply(const QString &text, int delayMs = 0) {
         ollama.enqueueGenerate(FakeOllamaServer::generation(text).delayedBy(delayMs));
     }
-    // Waits until the model has been asked `count` times.
+    // Waits until the model has been asked `count` times since it was warmed up.
     bool modelAsked(int count = 1) {
-        return QTest::qWaitFor([&] { return ollama.generateRequests().size() >= count; }, 2000);
+        return QTest::qWaitFor([&] { return ollama.generateRequests().size() >= m_warmUps + count; }, 2000);
     }
+    // The bodies of the model requests since the warm-up.
+    QList<QJsonObject> modelRequests() const { return ollama.generateBodies().mid(m_warmUps); }
     // What the whisper server answers next.
     void transcript(const QString &text) { whisper.enqueueInference(FakeWhisperServer::transcript(text)); }
 
@@ -135,6 +138,7 @@ public:
     QList<Utterance> utterances;
 
 private:
+    qsizetype m_warmUps = 0;
     mutable std::mutex m_logMutex;
     QStringList m_log;
 };
