@@ -68,6 +68,8 @@ public:
     QUrl url() const;
 
     const QList<Request> &requests() const { return m_requests; }
+    // Forgets the recorded requests, so that a long benchmark does not hold every body.
+    void clearRequests() { m_requests.clear(); }
     // The recorded requests with this method and path (query ignored).
     QList<Request> requestsTo(const QByteArray &method, const QByteArray &path) const;
 
