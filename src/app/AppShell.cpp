@@ -1,8 +1,11 @@
 #include "app/AppShell.h"
 
 #include "core/AppInfo.h"
+#include "core/Async.h"
 #include "core/Log.h"
 #include "core/Paths.h"
+#include "pipeline/Pipeline.h"
+#include "platform/PlatformKitFactory.h"
 
 #include <QAction>
 #include <QApplication>
@@ -38,7 +41,38 @@ QIcon trayIcon() {
 } // namespace
 
 AppShell::AppShell() = default;
-AppShell::~AppShell() = default;
+
+AppShell::~AppShell() {
+    for (const auto &hotkey : m_hotkeys)
+        hotkey->stop();
+}
+
+void AppShell::startPipeline() {
+    PlatformKit kit = makePlatformKit();
+    const PlatformKit::HotkeyFactory makeHotkey = kit.hotkey;
+    m_pipeline = std::make_unique<Pipeline>(m_config, std::move(kit));
+    m_pipeline->onStateChange = [this](const PipelineState &state) {
+        if (m_tray)
+            m_tray->setToolTip(QStringLiteral("Quorvane \u00B7 ") + state.description());
+    };
+
+    const std::pair<PushToTalkKey, PipelineMode> bindings[] = {
+        {m_config.pushToTalkKey, PipelineMode::dictation},
+        {m_config.editKey, PipelineMode::editSelection},
+        {m_config.promptKey, PipelineMode::developerPrompt},
+    };
+    bool armed = true;
+    for (const auto &[key, mode] : bindings) {
+        std::unique_ptr<GlobalHotkey> hotkey = makeHotkey(key);
+        m_pipeline->bindHotkey(*hotkey, mode);
+        armed = hotkey->start() && armed;
+        m_hotkeys.push_back(std::move(hotkey));
+    }
+    if (!armed)
+        Log::warn(QStringLiteral("The push-to-talk keys could not be armed on this desktop."));
+
+    detach(m_pipeline->prepare(), [](std::exception_ptr) { Log::error(QStringLiteral("Preparation failed.")); });
+}
 
 void AppShell::start() {
     m_config = Config::load(Paths::file(QStringLiteral("config.json")));
@@ -57,4 +91,6 @@ void AppShell::start() {
     if (!QSystemTrayIcon::isSystemTrayAvailable())
         Log::warn(QStringLiteral("No system tray is available; Quorvane keeps running without its icon."));
     m_tray->show();
+
+    startPipeline();
 }

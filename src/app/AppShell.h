@@ -4,7 +4,10 @@
 
 #include <QObject>
 #include <memory>
+#include <vector>
 
+class GlobalHotkey;
+class Pipeline;
 class QMenu;
 class QSystemTrayIcon;
 
@@ -19,7 +22,12 @@ public:
     const Config &config() const { return m_config; }
 
 private:
+    void startPipeline();
+
     Config m_config;
+    std::unique_ptr<Pipeline> m_pipeline;
+    // One watcher per mode key: dictation, Edit in Place, Prompt Mode.
+    std::vector<std::unique_ptr<GlobalHotkey>> m_hotkeys;
     std::unique_ptr<QMenu> m_menu;
     std::unique_ptr<QSystemTrayIcon> m_tray;
 };
