@@ -1,3 +1,7 @@
+#include "ScriptedOnDeviceModel.h"
+#include "formatting/FoundationModelFormatter.h"
+#include "formatting/OllamaFormatter.h"
+#include "formatting/PassthroughFormatter.h"
 #include "pipeline/EngineChoice.h"
 #include "speech/WhisperServerEngine.h"
 
@@ -22,6 +26,7 @@ enum class Native { none, available, declines };
 } // namespace
 
 Q_DECLARE_METATYPE(AsrKind)
+Q_DECLARE_METATYPE(FormatterKind)
 Q_DECLARE_METATYPE(Native)
 
 class TestEngineChoice : public QObject {
@@ -67,6 +72,49 @@ private slots:
         QVERIFY(whisper);
         QCOMPARE(whisper->endpoint(), QUrl(QStringLiteral("http://localhost:9123")));
         QCOMPARE(whisper->language(), QStringLiteral("pt-BR"));
+    }
+
+    void formatterFollowsSettingsAndPlatform_data() {
+        QTest::addColumn<FormatterKind>("kind");
+        QTest::addColumn<Native>("native");
+        QTest::addColumn<QString>("chosen");
+        QTest::newRow("none, on-device available") << FormatterKind::none << Native::available << "passthrough";
+        QTest::newRow("on-device asked, available")
+            << FormatterKind::appleFoundation << Native::available << "on-device";
+        QTest::newRow("on-device asked, platform has none")
+            << FormatterKind::appleFoundation << Native::none << "ollama";
+        QTest::newRow("on-device asked, factory declines")
+            << FormatterKind::appleFoundation << Native::declines << "ollama";
+        QTest::newRow("ollama asked, on-device available") << FormatterKind::ollama << Native::available << "ollama";
+    }
+    void formatterFollowsSettingsAndPlatform() {
+        QFETCH(FormatterKind, kind);
+        QFETCH(Native, native);
+        QFETCH(QString, chosen);
+        Config config;
+        config.formatter = kind;
+        config.ollamaEndpoint = QStringLiteral("http://localhost:11500");
+        config.ollamaModel = QStringLiteral("llama3.2:latest");
+        NativeFormatterFactory factory;
+        if (native != Native::none) {
+            factory = [native]() -> std::unique_ptr<TextFormatter> {
+                if (native == Native::declines)
+                    return nullptr;
+                return std::make_unique<FoundationModelFormatter>(std::make_shared<ScriptedOnDeviceModel>());
+            };
+        }
+        const std::unique_ptr<TextFormatter> formatter = makeFormatter(config, factory);
+        QVERIFY(formatter);
+        if (chosen == QStringLiteral("passthrough")) {
+            QCOMPARE(formatter->name(), QStringLiteral("None (raw transcript)"));
+        } else if (chosen == QStringLiteral("on-device")) {
+            QVERIFY(dynamic_cast<const FoundationModelFormatter *>(formatter.get()));
+        } else {
+            const auto *ollama = dynamic_cast<const OllamaFormatter *>(formatter.get());
+            QVERIFY(ollama);
+            QCOMPARE(ollama->endpoint(), QUrl(QStringLiteral("http://localhost:11500")));
+            QCOMPARE(ollama->model(), QStringLiteral("llama3.2:latest"));
+        }
     }
 };
 

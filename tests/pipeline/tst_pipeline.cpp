@@ -1,7 +1,9 @@
 #include "PipelineHarness.h"
 
+#include "TempGitRepository.h"
 #include "core/Async.h"
 #include "core/Paths.h"
+#include "platform/PlatformKitFactory.h"
 
 #include <QFile>
 #include <QTcpServer>
@@ -272,6 +274,28 @@ private slots:
         QFile saved(Paths::file(QStringLiteral("config.json")));
         QVERIFY(saved.open(QIODevice::ReadOnly));
         QCOMPARE(Config::decode(saved.readAll())->formatter, FormatterKind::none);
+    }
+
+    void repositoryFactsFollowTheSettings() {
+        TempGitRepository repository(QStringLiteral("billing"));
+        QVERIFY(repository.isValid());
+        QVERIFY(repository.write(QStringLiteral("main.go"), "package main\n"));
+        repository.commitAll();
+        PipelineHarness h;
+        h.repositoryProvider = makePlatformKit().repositoryContext;
+        h.config.pinnedRepositoryPath = repository.root();
+        h.ready();
+        QVERIFY(QTest::qWaitFor([&] { return h.pipeline->repositoryContext().has_value(); }, 3000));
+        QCOMPARE(h.pipeline->repositoryContext()->name, QStringLiteral("billing"));
+
+        Config off = h.config;
+        off.repositoryContextEnabled = false;
+        syncWait(h.pipeline->updatePreferences(off));
+        QVERIFY(!h.pipeline->repositoryContext());
+        QCOMPARE(h.pipeline->config(), off);
+
+        syncWait(h.pipeline->updatePreferences(h.config));
+        QVERIFY(QTest::qWaitFor([&] { return h.pipeline->repositoryContext().has_value(); }, 3000));
     }
 };
 
