@@ -1,9 +1,9 @@
 #include "benchmark/BenchmarkRunner.h"
 
-#include "core/QuorvaneError.h"
+#include "pipeline/ErrorText.h"
+#include "speech/AudioFeed.h"
 #include "speech/LinearAudioResampler.h"
 #include "speech/WavDecoder.h"
-#include "speech/WhisperServerEngine.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -36,24 +36,6 @@ Prepared readClip(const QString &path, double engineRate) {
 
 } // namespace
 
-QString describe(std::exception_ptr error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const WavDecoder::DecodeError &e) {
-        return e.errorDescription();
-    } catch (const QuorvaneError &e) {
-        return e.message();
-    } catch (const WhisperServerEngine::TransportError &e) {
-        return QStringLiteral("no answer from the speech server: ") + e.text();
-    } catch (const WhisperServerEngine::ParseError &e) {
-        return QStringLiteral("the speech server's answer was not JSON: ") + e.text();
-    } catch (const std::exception &e) {
-        return QString::fromUtf8(e.what());
-    } catch (...) {
-        return QStringLiteral("unknown error");
-    }
-}
-
 QCoro::Task<ClipResult> runClip(AsrEngine &engine, BenchmarkClip clip, QString locale) {
     ClipResult result;
     result.clip = std::move(clip);
@@ -65,15 +47,7 @@ QCoro::Task<ClipResult> runClip(AsrEngine &engine, BenchmarkClip clip, QString l
         result.durationSeconds = prepared.durationSeconds;
         // No vocabulary hints: the benchmark measures the engine itself.
         co_await engine.beginUtterance(QStringList());
-        const auto chunkSize = std::max<std::size_t>(1, std::size_t(std::lround(rate * 0.1)));
-        for (std::size_t start = 0; start < prepared.samples.size(); start += chunkSize) {
-            const std::size_t end = std::min(prepared.samples.size(), start + chunkSize);
-            AudioChunk chunk;
-            chunk.samples.assign(prepared.samples.begin() + qsizetype(start),
-                                 prepared.samples.begin() + qsizetype(end));
-            chunk.sampleRate = rate;
-            engine.append(chunk);
-        }
+        feedInChunks(engine, prepared.samples, rate);
         QElapsedTimer timer;
         timer.start();
         QString hypothesis = co_await engine.finishUtterance();
@@ -85,7 +59,7 @@ QCoro::Task<ClipResult> runClip(AsrEngine &engine, BenchmarkClip clip, QString l
     }
     if (failure) {
         result.latencyMs.reset();
-        result.error = describe(failure);
+        result.error = describeError(failure);
     }
     co_return result;
 }

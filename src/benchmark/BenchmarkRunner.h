@@ -12,7 +12,4 @@ namespace BenchmarkRunner {
 // rate, fed in 0.1-second chunks, then finished. Never throws: a failure is recorded in the result.
 QCoro::Task<ClipResult> runClip(AsrEngine &engine, BenchmarkClip clip, QString locale);
 
-// The sentence to show for an error thrown by an engine or the decoder.
-QString describe(std::exception_ptr error);
-
 } // namespace BenchmarkRunner

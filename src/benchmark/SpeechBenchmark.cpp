@@ -9,6 +9,7 @@
 #include "core/Config.h"
 #include "core/Paths.h"
 #include "pipeline/EngineChoice.h"
+#include "pipeline/ErrorText.h"
 #include "speech/WhisperServerEngine.h"
 
 #include <QDateTime>
@@ -228,7 +229,7 @@ QCoro::Task<int> run(QStringList arguments, NativeEngineFactory nativeFactory) {
         }
         if (failure) {
             print(stderr, QStringLiteral("The %1 is not ready: %2\nNothing was scored.\n")
-                              .arg(engine->name(), BenchmarkRunner::describe(failure)));
+                              .arg(engine->name(), describeError(failure)));
             co_return 1;
         }
     }

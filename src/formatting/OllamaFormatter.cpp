@@ -47,6 +47,8 @@ OllamaFormatter::OllamaFormatter(const std::optional<QString> &endpoint, const Q
 
 QCoro::Task<void> OllamaFormatter::prepare() {
     const QString unreachable = QStringLiteral("Ollama not reachable at ") + m_endpoint.toString(QUrl::FullyEncoded);
+    m_available = false;
+    m_unavailableReason = unreachable;
     std::optional<LoopbackHttp::Reply> reply;
     try {
         reply =
@@ -54,13 +56,14 @@ QCoro::Task<void> OllamaFormatter::prepare() {
     } catch (const LoopbackHttp::TransportError &) {
     }
     if (!reply) {
-        m_available = false;
         Log::warn(unreachable);
         co_return;
     }
     // Something answers on the port but not as Ollama does; not worth a warning of its own.
     if (reply->status != 200) {
-        m_available = false;
+        m_unavailableReason = QStringLiteral("the server at %1 answered the model list with HTTP %2")
+                                  .arg(m_endpoint.toString(QUrl::FullyEncoded))
+                                  .arg(reply->status);
         co_return;
     }
     std::optional<QJsonDocument> document;
@@ -69,7 +72,6 @@ QCoro::Task<void> OllamaFormatter::prepare() {
     } catch (const LoopbackHttp::ParseError &) {
     }
     if (!document) {
-        m_available = false;
         Log::warn(unreachable);
         co_return;
     }
@@ -77,10 +79,12 @@ QCoro::Task<void> OllamaFormatter::prepare() {
     // Exact names only: "llama3.2" and "llama3.2:latest" are different names to the server's API.
     m_available = names.contains(m_model, Qt::CaseSensitive);
     if (!m_available) {
-        Log::warn(QStringLiteral("Ollama is running but '") + m_model + QStringLiteral("' is not pulled. Available: ") +
-                  names.join(QStringLiteral(", ")));
+        m_unavailableReason = QStringLiteral("Ollama is running but '") + m_model +
+                              QStringLiteral("' is not pulled. Available: ") + names.join(QStringLiteral(", "));
+        Log::warn(*m_unavailableReason);
         co_return;
     }
+    m_unavailableReason.reset();
     Log::info(QStringLiteral("Formatter ready \u00B7 ") + m_name);
     // Loads the model into the server's memory before the first dictation needs it; a failure here
     // says nothing about the next request.

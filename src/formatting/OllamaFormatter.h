@@ -19,6 +19,8 @@ public:
 
     QString name() const override { return m_name; }
     bool isAvailable() const override { return m_available; }
+    // What the last prepare() found wrong, in the words of its log line; none while available.
+    std::optional<QString> unavailableReason() const override { return m_unavailableReason; }
     // Lists the pulled models (2 s limit) and warms the configured one. Never fails.
     QCoro::Task<void> prepare() override;
 
@@ -39,5 +41,6 @@ private:
     const QString m_model;
     // Written only by prepare(): one failed request must not disable the formatter.
     bool m_available = false;
+    std::optional<QString> m_unavailableReason = QStringLiteral("not prepared yet");
     LoopbackHttp m_http;
 };

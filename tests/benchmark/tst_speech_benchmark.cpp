@@ -1,4 +1,5 @@
 #include "FakeWhisperServer.h"
+#include "QuorvaneProcess.h"
 #include "benchmark/SpeechBenchmarkMetrics.h"
 #include "speech/WavDecoder.h"
 #include "speech/WavEncoder.h"
@@ -20,58 +21,11 @@ using Response = FakeWhisperServer::Response;
 
 namespace {
 
-struct Finished {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
+using Finished = QuorvaneRun;
 
-// Runs the real executable while this thread's event loop keeps serving the fake server.
 Finished runBenchmark(const QString &home, const QStringList &arguments, const QString &commit = {}) {
-    QProcess process;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("QUORVANE_HOME"), home);
-    environment.remove(QStringLiteral("QUORVANE_BENCHMARK_COMMIT"));
-    if (!commit.isEmpty())
-        environment.insert(QStringLiteral("QUORVANE_BENCHMARK_COMMIT"), commit);
-    process.setProcessEnvironment(environment);
-    QEventLoop loop;
-    QObject::connect(&process, &QProcess::finished, &loop, &QEventLoop::quit);
-    QObject::connect(&process, &QProcess::errorOccurred, &loop, &QEventLoop::quit);
-    QTimer::singleShot(30000, &loop, &QEventLoop::quit);
-    process.start(QStringLiteral(QUORVANE_BINARY), QStringList{QStringLiteral("benchmark")} + arguments);
-    loop.exec();
-    Finished finished;
-    if (process.state() != QProcess::NotRunning) {
-        process.kill();
-        process.waitForFinished();
-        return finished;
-    }
-    finished.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    finished.out = QString::fromUtf8(process.readAllStandardOutput());
-    finished.err = QString::fromUtf8(process.readAllStandardError());
-    return finished;
-}
-
-// A tone of `seconds` at `rate`, written with the app's own encoder.
-void writeWav(const QString &path, double seconds, double rate) {
-    std::vector<float> samples(std::size_t(std::lround(seconds * rate)));
-    for (std::size_t i = 0; i < samples.size(); ++i)
-        samples[i] = 0.2f * float(std::sin(double(i) * 0.05));
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(WavEncoder::encode(samples, rate));
-}
-
-void writeFile(const QString &path, const QByteArray &bytes) {
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(bytes);
-}
-
-QByteArray readFile(const QString &path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return runQuorvane(home, QStringList{QStringLiteral("benchmark")} + arguments,
+                       {{QStringLiteral("QUORVANE_BENCHMARK_COMMIT"), commit}});
 }
 
 QJsonObject clip(const QString &id, const QString &audio, const QString &reference, const QString &locale = {}) {
@@ -128,7 +82,7 @@ QList<QStringList> parseCsv(const QString &text) {
 
 // clips.csv as one map per clip, keyed by column name.
 QList<QHash<QString, QString>> readClips(const QString &path) {
-    const QList<QStringList> rows = parseCsv(QString::fromUtf8(readFile(path)));
+    const QList<QStringList> rows = parseCsv(QString::fromUtf8(readFileBytes(path)));
     QList<QHash<QString, QString>> clips;
     for (qsizetype r = 1; r < rows.size(); ++r) {
         QHash<QString, QString> values;
@@ -140,7 +94,7 @@ QList<QHash<QString, QString>> readClips(const QString &path) {
 }
 
 QJsonObject readJson(const QString &path) {
-    return QJsonDocument::fromJson(readFile(path)).object();
+    return QJsonDocument::fromJson(readFileBytes(path)).object();
 }
 
 // The figures a clip row must hold, counted by hand from its reference and scripted hypothesis.
@@ -192,14 +146,14 @@ private slots:
         const QString home = dir.filePath("home");
         QDir().mkpath(dir.filePath("data/audio"));
         // Different rates: every clip must reach the server resampled to 16 kHz.
-        writeWav(dir.filePath("data/audio/c1.wav"), 1.0, 16000);
-        writeWav(dir.filePath("data/audio/c2.wav"), 2.0, 48000);
-        writeWav(dir.filePath("data/audio/c3.wav"), 0.5, 8000);
-        writeWav(dir.filePath("data/audio/c4.wav"), 1.5, 22050);
+        writeToneWav(dir.filePath("data/audio/c1.wav"), 1.0, 16000);
+        writeToneWav(dir.filePath("data/audio/c2.wav"), 2.0, 48000);
+        writeToneWav(dir.filePath("data/audio/c3.wav"), 0.5, 8000);
+        writeToneWav(dir.filePath("data/audio/c4.wav"), 1.5, 22050);
         const QJsonArray clips{
             clip("c1", "audio/c1.wav", "The quick brown fox"), clip("c2", "audio/c2.wav", "I have 3 cats"),
             clip("c3", "audio/c3.wav", "Hello, world!", "de-DE"), clip("c4", "audio/c4.wav", "He said yes")};
-        writeFile(dir.filePath("data/set.json"), manifest(clips));
+        writeFileBytes(dir.filePath("data/set.json"), manifest(clips));
 
         FakeWhisperServer server;
         // The warm-up gets a transcript that would spoil c1 if it were scored.
@@ -292,7 +246,7 @@ private slots:
         QVERIFY2(run.out.contains(percent), qPrintable(run.out));
         QVERIFY(run.err.contains("[4/4] c4"));
 
-        const QString html = QString::fromUtf8(readFile(out + "/report.html"));
+        const QString html = QString::fromUtf8(readFileBytes(out + "/report.html"));
         QVERIFY(html.startsWith("<!DOCTYPE html>"));
         QVERIFY(html.contains("<svg"));
         QVERIFY(html.contains(percent));
@@ -306,13 +260,13 @@ private slots:
 
     void failedClipsAreRecordedAndTheRunGoesOn() {
         QTemporaryDir dir;
-        writeWav(dir.filePath("a.wav"), 1.0, 16000);
-        writeFile(dir.filePath("broken.wav"), "RIFF-cut-short-WAVE");
-        writeWav(dir.filePath("c.wav"), 1.0, 16000);
-        writeWav(dir.filePath("d.wav"), 1.0, 16000);
+        writeToneWav(dir.filePath("a.wav"), 1.0, 16000);
+        writeFileBytes(dir.filePath("broken.wav"), "RIFF-cut-short-WAVE");
+        writeToneWav(dir.filePath("c.wav"), 1.0, 16000);
+        writeToneWav(dir.filePath("d.wav"), 1.0, 16000);
         const QJsonArray clips{clip("a", "a.wav", "one two three"), clip("broken", "broken.wav", "never heard"),
                                clip("server-error", "c.wav", "lost words"), clip("d", "d.wav", "four five")};
-        writeFile(dir.filePath("set.json"), manifest(clips));
+        writeFileBytes(dir.filePath("set.json"), manifest(clips));
 
         FakeWhisperServer server;
         server.enqueueInference(FakeWhisperServer::transcript(" one two\n"));
@@ -352,14 +306,14 @@ private slots:
         const QString home = dir.filePath("home");
         QDir().mkpath(home);
         // The on-device engine is asked for, but this platform has none: the whisper server stands in.
-        writeFile(home + "/config.json", QJsonDocument(QJsonObject{{"asr", "appleSpeech"},
-                                                                   {"whisperEndpoint", server.url().toString()},
-                                                                   {"locale", "fr-FR"}})
-                                             .toJson());
+        writeFileBytes(home + "/config.json", QJsonDocument(QJsonObject{{"asr", "appleSpeech"},
+                                                                        {"whisperEndpoint", server.url().toString()},
+                                                                        {"locale", "fr-FR"}})
+                                                  .toJson());
         QJsonObject set = QJsonDocument::fromJson(manifest({clip("a", "a.wav", "hello world")})).object();
         set.remove("locale");
-        writeFile(dir.filePath("set.json"), QJsonDocument(set).toJson());
-        writeWav(dir.filePath("a.wav"), 0.5, 16000);
+        writeFileBytes(dir.filePath("set.json"), QJsonDocument(set).toJson());
+        writeToneWav(dir.filePath("a.wav"), 0.5, 16000);
 
         const Finished run = runBenchmark(home, {dir.filePath("set.json")});
         QVERIFY2(run.exitCode == 0, qPrintable(run.err));
@@ -375,8 +329,8 @@ private slots:
 
     void aServerThatIsNotRunningStopsTheRunBeforeAnyClip() {
         QTemporaryDir dir;
-        writeWav(dir.filePath("a.wav"), 0.2, 16000);
-        writeFile(dir.filePath("set.json"), manifest({clip("a", "a.wav", "x")}));
+        writeToneWav(dir.filePath("a.wav"), 0.2, 16000);
+        writeFileBytes(dir.filePath("set.json"), manifest({clip("a", "a.wav", "x")}));
         const QString endpoint = QStringLiteral("http://127.0.0.1:%1").arg(FakeWhisperServer::closedPort());
         const Finished run = runBenchmark(dir.filePath("home"), {dir.filePath("set.json"), "--endpoint", endpoint});
         QCOMPARE(run.exitCode, 1);
@@ -424,10 +378,10 @@ private slots:
         QFETCH(QString, expectedError);
         QFETCH(bool, showsUsage);
         QTemporaryDir dir;
-        writeWav(dir.filePath("a.wav"), 0.2, 16000);
-        writeWav(dir.filePath("b.wav"), 0.2, 16000);
+        writeToneWav(dir.filePath("a.wav"), 0.2, 16000);
+        writeToneWav(dir.filePath("b.wav"), 0.2, 16000);
         if (!manifestJson.isEmpty())
-            writeFile(dir.filePath("set.json"), manifestJson);
+            writeFileBytes(dir.filePath("set.json"), manifestJson);
         for (QString &argument : arguments) {
             if (argument == "@")
                 argument = dir.filePath("set.json");

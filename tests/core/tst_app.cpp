@@ -182,19 +182,6 @@ private Q_SLOTS:
                     .contains(" [WARN] Settings were invalid. Safe defaults were loaded and the original file was "
                               "preserved as config.invalid.json.\n"));
     }
-
-    void commandsNotYetBuiltSayWhyAndFail_data() {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::newRow("transcribe") << QStringList{"transcribe", "missing.wav"};
-    }
-    void commandsNotYetBuiltSayWhyAndFail() {
-        QFETCH(QStringList, arguments);
-        QProcess command;
-        command.start(QStringLiteral(QUORVANE_BINARY), arguments);
-        QVERIFY(command.waitForFinished(10000));
-        QCOMPARE(command.exitCode(), 1);
-        QVERIFY(command.readAllStandardError().contains("not available"));
-    }
 };
 
 QTEST_GUILESS_MAIN(AppTest)
