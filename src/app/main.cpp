@@ -2,8 +2,10 @@
 #include "benchmark/SpeechBenchmark.h"
 #include "core/Async.h"
 #include "core/CommandLine.h"
+#include "core/Log.h"
 #include "pipeline/Verify.h"
 #include "platform/ApplicationPresence.h"
+#include "platform/PlatformKitFactory.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -16,11 +18,16 @@ int runCommand(int argc, char **argv, const Command &command) {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("Quorvane"));
     auto task = [&]() -> QCoro::Task<int> {
-        if (command.kind == Command::Kind::transcribe)
-            co_return co_await Verify::run(command.wavPath, command.locale);
+        if (command.kind == Command::Kind::transcribe) {
+            const PlatformKit kit = makePlatformKit();
+            co_return co_await Verify::run(command.wavPath, command.locale, {kit.nativeAsrEngine, kit.nativeFormatter});
+        }
         co_return co_await SpeechBenchmark::run(command.commandArguments);
     };
-    return syncWait(task());
+    const int status = syncWait(task());
+    // The log writes on its own thread; let it finish before statics go away.
+    Log::flush();
+    return status;
 }
 
 int runApplication(int argc, char **argv) {
@@ -33,6 +40,8 @@ int runApplication(int argc, char **argv) {
     shell = std::make_unique<AppShell>();
     shell->start();
     QApplication::exec();
+    shell.reset();
+    Log::flush();
     return 0;
 }
 

@@ -180,7 +180,7 @@ private Q_SLOTS:
         if (scenario == "whisper 500")
             m_whisper->setDefaultInference(FakeHttpServer::Response::json(500, R"({"error":"boom"})"));
         const QuorvaneRun run = transcribe(wav);
-        QCOMPARE(run.exitCode, 1);
+        QVERIFY2(run.exitCode == 1, qPrintable(run.err));
         const QStringList lines = run.out.split('\n', Qt::SkipEmptyParts);
         const QString failure = lines.last();
         QVERIFY2(failure.startsWith(QString(expected).replace("%wav", wav).replace("%closed", closed)),

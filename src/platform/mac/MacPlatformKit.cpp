@@ -1,6 +1,8 @@
 #include "platform/PlatformKitFactory.h"
 
+#include "formatting/FoundationModelFormatter.h"
 #include "platform/mac/MacFocusedDocumentSource.h"
+#include "platform/mac/MacOnDeviceModel.h"
 #include "platform/mac/MacProcessTreeSource.h"
 #include "repository/RepositoryContextProvider.h"
 
@@ -14,5 +16,8 @@ PlatformKit makePlatformKit() {
                 return provider->frontmostApp().processID;
             return std::nullopt;
         });
+    kit.nativeFormatter = []() -> std::unique_ptr<TextFormatter> {
+        return std::make_unique<FoundationModelFormatter>(std::make_shared<MacOnDeviceModel>());
+    };
     return kit;
 }
