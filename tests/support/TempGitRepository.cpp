@@ -11,42 +11,40 @@ TempGitRepository::TempGitRepository(const QString &name) : m_scratch(std::make_
     m_root = QFileInfo(m_scratch->path()).canonicalFilePath() + QLatin1Char('/') + name;
     m_valid = m_scratch->isValid() && QDir().mkpath(m_root);
     if (m_valid)
-        git({QStringLiteral("init"), QStringLiteral("-q"), QStringLiteral("-b"), QStringLiteral("main")});
+        git({"init", "-q", "-b", "main"});
 }
 
 bool TempGitRepository::write(const QString &path, const QByteArray &contents) const {
-    const QString full = m_root + QLatin1Char('/') + path;
-    QDir().mkpath(QFileInfo(full).absolutePath());
-    QFile file(full);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(contents) == contents.size();
+    return writeFile(m_root + QLatin1Char('/') + path, contents);
+}
+
+bool TempGitRepository::writeFile(const QString &path, const QByteArray &contents, bool executable) {
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(contents) == contents.size() &&
+           (!executable || file.setPermissions(file.permissions() | QFileDevice::ExeOwner));
 }
 
 QString TempGitRepository::git(const QStringList &arguments, const QString &directory) const {
     QProcess process;
     process.setWorkingDirectory(directory.isEmpty() ? m_root : directory);
     // Independent of the machine's Git configuration.
-    QStringList full{QStringLiteral("-c"), QStringLiteral("user.name=Test"),
-                     QStringLiteral("-c"), QStringLiteral("user.email=test@example.invalid"),
-                     QStringLiteral("-c"), QStringLiteral("commit.gpgsign=false"),
-                     QStringLiteral("-c"), QStringLiteral("core.hooksPath=/dev/null")};
-    full << arguments;
     auto environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("GIT_CONFIG_NOSYSTEM"), QStringLiteral("1"));
-    environment.insert(QStringLiteral("GIT_CONFIG_GLOBAL"), QStringLiteral("/dev/null"));
+    environment.insert("GIT_CONFIG_NOSYSTEM", "1");
+    environment.insert("GIT_CONFIG_GLOBAL", "/dev/null");
     process.setProcessEnvironment(environment);
-    process.start(QStringLiteral("/usr/bin/git"), full);
+    process.start("/usr/bin/git", QStringList{"-c", "user.name=Test", "-c", "user.email=test@example.invalid", "-c",
+                                              "commit.gpgsign=false", "-c", "core.hooksPath=/dev/null"} +
+                                      arguments);
     if (!process.waitForFinished(60'000) || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
-        QTest::qFail(
-            qPrintable(QStringLiteral("git %1 failed: %2")
-                           .arg(arguments.join(QLatin1Char(' ')), QString::fromUtf8(process.readAllStandardError()))),
-            __FILE__, __LINE__);
+        const QString error = QString::fromUtf8(process.readAllStandardError());
+        QTest::qFail(qPrintable("git " + arguments.join(' ') + " failed: " + error), __FILE__, __LINE__);
         return {};
     }
     return QString::fromUtf8(process.readAllStandardOutput());
 }
 
 void TempGitRepository::commitAll(const QString &message) const {
-    git({QStringLiteral("add"), QStringLiteral("-A"), QStringLiteral("-f"), QStringLiteral(".")});
-    git({QStringLiteral("commit"), QStringLiteral("-q"), QStringLiteral("--allow-empty"), QStringLiteral("-m"),
-         message});
+    git({"add", "-A", "-f", "."});
+    git({"commit", "-q", "--allow-empty", "-m", message});
 }

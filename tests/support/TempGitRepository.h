@@ -19,6 +19,8 @@ public:
 
     // Writes `contents` to the repository-relative `path`, creating folders on the way.
     bool write(const QString &path, const QByteArray &contents) const;
+    // The same for any absolute `path`, optionally made executable by its owner.
+    static bool writeFile(const QString &path, const QByteArray &contents, bool executable = false);
     // Runs git with `arguments` in `directory` (the root when empty); returns its standard output,
     // or fails the running test when Git fails.
     QString git(const QStringList &arguments, const QString &directory = {}) const;

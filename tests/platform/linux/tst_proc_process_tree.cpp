@@ -6,27 +6,30 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QProcess>
 #include <QTest>
 
 namespace {
 
 // Starts `program` in `directory`; the QProcess kills its own child when destroyed.
-std::unique_ptr<QProcess> startIn(const QString &directory, const QString &program, const QStringList &arguments) {
+std::unique_ptr<QProcess> startIn(const QString &directory, const QString &program, const QStringList &arguments = {}) {
     auto process = std::make_unique<QProcess>();
     process->setWorkingDirectory(directory);
     process->start(program, arguments);
-    if (!process->waitForStarted())
-        return nullptr;
-    return process;
+    return process->waitForStarted() ? std::move(process) : nullptr;
 }
 
-QString run(const QString &program, const QStringList &arguments) {
+QString output(const QString &program, const QStringList &arguments) {
     QProcess process;
     process.start(program, arguments);
     process.waitForFinished();
     return QString::fromUtf8(process.readAllStandardOutput());
+}
+
+std::optional<ProcessRow> rowOf(const QList<ProcessRow> &rows, qint32 processID) {
+    const auto row =
+        std::find_if(rows.cbegin(), rows.cend(), [=](const ProcessRow &r) { return r.processID == processID; });
+    return row == rows.cend() ? std::nullopt : std::optional(*row);
 }
 
 } // namespace
@@ -35,122 +38,79 @@ class TestProcProcessTree : public QObject {
     Q_OBJECT
 
 private slots:
+    // A shell deep inside repository "beta", and an agent at the root of "alpha".
     void initTestCase() {
-        QVERIFY(m_alpha.isValid() && m_beta.isValid());
-        m_alpha.write(QStringLiteral("main.c"), "struct alpha_state {};\n");
+        QVERIFY(m_alpha.write("main.c", "struct alpha_state {};\n"));
         m_alpha.commitAll();
-        // The agent is a script so that its command line names it, as a Node-based agent's does.
-        m_agent = m_alpha.scratch() + QStringLiteral("/bin dir/claude");
-        QVERIFY(QDir().mkpath(QFileInfo(m_agent).absolutePath()));
-        QFile agent(m_agent);
-        QVERIFY(agent.open(QIODevice::WriteOnly));
-        agent.write("#!/bin/sh\n/bin/sleep 30\n");
-        agent.close();
-        QVERIFY(agent.setPermissions(agent.permissions() | QFileDevice::ExeOwner));
-        m_deep = m_beta.root() + QStringLiteral("/one/two three/four\nfive");
+        m_deep = m_beta.root() + "/one/two three/four\nfive";
         QVERIFY(QDir().mkpath(m_deep));
-    }
-
-    void readsChildren() {
-        const auto sleeper = startIn(m_deep, QStringLiteral("/bin/sleep"), {QStringLiteral("30"), QStringLiteral("0")});
-        QVERIFY(sleeper);
-        const qint32 child = static_cast<qint32>(sleeper->processId());
-        ProcProcessTreeSource source;
-        const auto rows = syncWait(source.processRows());
-        const auto row =
-            std::find_if(rows.cbegin(), rows.cend(), [child](const ProcessRow &r) { return r.processID == child; });
-        QVERIFY(row != rows.cend());
-        QCOMPARE(row->parentProcessID, static_cast<qint32>(QCoreApplication::applicationPid()));
-        QCOMPARE(row->command, QStringLiteral("/bin/sleep 30 0"));
-        QCOMPARE(syncWait(source.commandLine(child)), std::optional(row->command));
-        const auto directories = syncWait(source.workingDirectories({child, 1}));
-        QCOMPARE(directories.value(child), m_deep);
-        // Another user's process keeps its directory to itself; it is left out, not guessed.
-        if (::geteuid() != 0)
-            QVERIFY(!directories.contains(1));
-    }
-
-    void goneProcessesAndDirectories() {
-        QTemporaryDir scratch;
-        const QString doomed = scratch.path() + QStringLiteral("/doomed");
-        QVERIFY(QDir().mkpath(doomed));
-        const auto sleeper = startIn(doomed, QStringLiteral("/bin/sleep"), {QStringLiteral("30")});
-        QVERIFY(sleeper);
-        QVERIFY(QDir(doomed).removeRecursively());
-        const qint32 child = static_cast<qint32>(sleeper->processId());
-        ProcProcessTreeSource source;
-        QVERIFY(!syncWait(source.workingDirectories({child})).contains(child));
-
-        QProcess finished;
-        finished.start(QStringLiteral("/bin/true"), {});
-        QVERIFY(finished.waitForStarted());
-        const qint32 gone = static_cast<qint32>(finished.processId());
-        QVERIFY(finished.waitForFinished());
-        QCOMPARE(syncWait(source.commandLine(gone)), std::nullopt);
-    }
-
-    // An agent in repository A beats a shell deeper down in repository B, found from real processes.
-    void agentBeatsShell() {
-        const auto shell =
-            startIn(m_deep, QStringLiteral("/bin/sh"), {QStringLiteral("-c"), QStringLiteral("/bin/sleep 30; :")});
-        const auto agent = startIn(m_alpha.root(), m_agent, {});
-        QVERIFY(shell && agent);
-        const qint32 self = static_cast<qint32>(QCoreApplication::applicationPid());
-        auto source = std::make_shared<ProcProcessTreeSource>();
-        QCOMPARE(syncWait(RepositoryContextProvider::detectFromProcessTree(source, self)),
-                 std::optional(m_alpha.root()));
-
-        RepositoryContextProvider provider(source, std::make_shared<UnsupportedFocusedDocumentSource>(),
-                                           [self] { return std::optional<qint32>(self); });
-        const auto context = syncWait(provider.refreshContext(QStringLiteral("test"), std::nullopt));
-        QVERIFY(context);
-        QCOMPARE(context->name, QStringLiteral("alpha"));
-        QCOMPARE(context->vocabulary, QStringList{QStringLiteral("alpha_state")});
+        m_shell = startIn(m_deep, "/bin/sh", {"-c", "/bin/sleep 30; :"});
+        // A script, so that its command line names the agent as a Node-based agent's does.
+        const QString agent = m_alpha.scratch() + "/bin dir/claude";
+        QVERIFY(TempGitRepository::writeFile(agent, "#!/bin/sh\n/bin/sleep 30\n", true));
+        m_agent = startIn(m_alpha.root(), agent);
+        QVERIFY(m_shell && m_agent);
     }
 
     // The parsers used where there is no /proc agree with it when fed the real tools' output.
-    void processToolsAgreeWithProc() {
-        const auto sleeper = startIn(m_alpha.root(), QStringLiteral("/bin/sleep"), {QStringLiteral("30")});
-        QVERIFY(sleeper);
-        const qint32 child = static_cast<qint32>(sleeper->processId());
-        const auto rows = ProcessListing::parseProcessRows(
-            run(QStringLiteral("/bin/ps"),
-                {QStringLiteral("-axww"), QStringLiteral("-o"), QStringLiteral("pid=,ppid=,command=")}));
-        const auto row =
-            std::find_if(rows.cbegin(), rows.cend(), [child](const ProcessRow &r) { return r.processID == child; });
-        QVERIFY(row != rows.cend());
-        QCOMPARE(row->parentProcessID, static_cast<qint32>(QCoreApplication::applicationPid()));
-        QCOMPARE(row->command, QStringLiteral("/bin/sleep 30"));
-        if (!QFileInfo::exists(QStringLiteral("/usr/bin/lsof")))
-            QSKIP("lsof is not installed");
-        const auto directories = ProcessListing::parseWorkingDirectories(
-            run(QStringLiteral("/usr/bin/lsof"),
-                {QStringLiteral("-a"), QStringLiteral("-d"), QStringLiteral("cwd"), QStringLiteral("-F"),
-                 QStringLiteral("tn"), QStringLiteral("-p"), QStringLiteral("%1,1").arg(child)}));
-        QCOMPARE(directories.value(child), m_alpha.root());
+    void readsChildren() {
+        const ProcessRow shell{qint32(m_shell->processId()), qint32(QCoreApplication::applicationPid()),
+                               "/bin/sh -c /bin/sleep 30; :"};
+        const qint32 agent = qint32(m_agent->processId());
+        ProcProcessTreeSource source;
+        QCOMPARE(rowOf(syncWait(source.processRows()), shell.processID), shell);
+        QCOMPARE(rowOf(ProcessListing::parseProcessRows(output("/bin/ps", {"-axww", "-o", "pid=,ppid=,command="})),
+                       shell.processID),
+                 shell);
+        QCOMPARE(syncWait(source.commandLine(shell.processID)), shell.command);
+        const auto directories = syncWait(source.workingDirectories({shell.processID, agent, 1}));
+        QCOMPARE(directories.value(shell.processID), m_deep);
+        // Another user's process keeps its directory to itself; it is left out, not guessed.
         if (::geteuid() != 0)
             QVERIFY(!directories.contains(1));
+        if (!QFileInfo::exists("/usr/bin/lsof"))
+            QSKIP("lsof is not installed");
+        const auto listed = ProcessListing::parseWorkingDirectories(
+            output("/usr/bin/lsof", {"-a", "-d", "cwd", "-F", "tn", "-p", QString("%1,1").arg(agent)}));
+        QCOMPARE(listed.value(agent), m_alpha.root());
+        if (::geteuid() != 0)
+            QVERIFY(!listed.contains(1));
     }
 
-    void parentFromStat_data() {
-        QTest::addColumn<QByteArray>("stat");
-        QTest::addColumn<int>("parent");
-        QTest::newRow("plain") << QByteArray("42 (bash) S 7 42 42 0") << 7;
-        QTest::newRow("name with blanks and parentheses") << QByteArray("42 (a) b (c) R 9 1 1") << 9;
-        QTest::newRow("truncated") << QByteArray("42 (bash) S") << -1;
-        QTest::newRow("empty") << QByteArray() << -1;
+    // The agent in "alpha" beats the deeper shell in "beta", found from real processes.
+    void agentBeatsShell() {
+        const qint32 self = qint32(QCoreApplication::applicationPid());
+        auto source = std::make_shared<ProcProcessTreeSource>();
+        RepositoryContextProvider provider(source, std::make_shared<UnsupportedFocusedDocumentSource>(),
+                                           [self] { return std::optional(self); });
+        const auto context = syncWait(provider.refreshContext("test", std::nullopt));
+        QVERIFY(context);
+        QCOMPARE(context->rootPath, m_alpha.root());
+        QCOMPARE(context->vocabulary, QStringList{"alpha_state"});
     }
+
+    // A directory removed after the process entered it holds no repository.
+    void removedDirectoryIsLeftOut() {
+        const QString doomed = m_beta.scratch() + "/doomed";
+        QVERIFY(QDir().mkpath(doomed));
+        const auto sleeper = startIn(doomed, "/bin/sleep", {"30"});
+        QVERIFY(sleeper && QDir(doomed).removeRecursively());
+        ProcProcessTreeSource source;
+        QCOMPARE(syncWait(source.workingDirectories({qint32(sleeper->processId())})), (QHash<qint32, QString>{}));
+    }
+
+    // The command name in "stat" may itself hold blanks and parentheses.
     void parentFromStat() {
-        QFETCH(QByteArray, stat);
-        QFETCH(int, parent);
-        QCOMPARE(ProcProcessTreeSource::parentFromStat(stat).value_or(-1), parent);
+        QCOMPARE(ProcProcessTreeSource::parentFromStat("42 (a) b (c) R 9 1 1"), 9);
+        QCOMPARE(ProcProcessTreeSource::parentFromStat("42 (bash) S"), std::nullopt);
     }
 
 private:
-    TempGitRepository m_alpha{QStringLiteral("alpha")};
-    TempGitRepository m_beta{QStringLiteral("beta")};
-    QString m_agent;
+    TempGitRepository m_alpha{"alpha"};
+    TempGitRepository m_beta{"beta"};
     QString m_deep;
+    std::unique_ptr<QProcess> m_shell;
+    std::unique_ptr<QProcess> m_agent;
 };
 
 QTEST_GUILESS_MAIN(TestProcProcessTree)
