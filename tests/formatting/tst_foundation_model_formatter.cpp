@@ -3,42 +3,41 @@
 #include "ScriptedOnDeviceModel.h"
 #include "core/Async.h"
 #include "core/QuorvaneError.h"
-#include "formatting/FormatterPrompt.h"
 #include "formatting/FoundationModelFormatter.h"
 
 #include <QTest>
-#include <optional>
 
 using Unavailability = OnDeviceLanguageModel::Unavailability;
 using Reply = ScriptedOnDeviceModel::Reply;
-
+using Operation = FormatterOperation;
 Q_DECLARE_METATYPE(Unavailability)
 
 namespace {
 
-using Operation = FormatterOperation;
-const QList<Operation> &kOperations = FormatterOperations::all();
+const FormattingContext kContext{"Mail", "Write complete sentences.", {}, {}, {}};
+const QString kUnavailable = QStringLiteral("QuorvaneError: The formatting model is unavailable: ");
 
-FormattingContext mailContext() {
-    FormattingContext context;
-    context.appName = QStringLiteral("Mail");
-    context.styleInstruction = QStringLiteral("Write complete sentences.");
-    return context;
-}
-
-QCoro::Task<QString> perform(FoundationModelFormatter &formatter, Operation operation, const QString &input) {
-    return FormatterOperations::perform(formatter, operation, input, mailContext());
+// The text an operation produced, or what it failed with.
+QString outcomeOf(FoundationModelFormatter &formatter, Operation operation, const QString &input) {
+    try {
+        return syncWait(FormatterOperations::perform(formatter, operation, input, kContext));
+    } catch (const QuorvaneError &error) {
+        return "QuorvaneError: " + error.message();
+    } catch (const ScriptedOnDeviceModel::OtherFailure &) {
+        return "OtherFailure";
+    }
 }
 
 QString promptFor(Operation operation, const QString &input) {
-    return FormatterOperations::expectedPrompt(operation, input, mailContext());
+    return FormatterOperations::expected(operation, input, kContext).second;
 }
 
 // The sessions made for one kind of request, oldest first.
-QList<ScriptedOnDeviceModel::SessionRecord> sessionsFor(const ScriptedOnDeviceModel &model, Operation operation) {
-    QList<ScriptedOnDeviceModel::SessionRecord> found;
-    for (const auto &session : model.sessions()) {
-        if (session.instructions == FormatterOperations::expectedInstructions(operation))
+QList<std::shared_ptr<ScriptedOnDeviceModel::ScriptedSession>> sessionsFor(const ScriptedOnDeviceModel &model,
+                                                                           Operation operation) {
+    QList<std::shared_ptr<ScriptedOnDeviceModel::ScriptedSession>> found;
+    for (const auto &session : model.sessions) {
+        if (session->instructions == FormatterOperations::expected(operation, {}, {}).first)
             found.append(session);
     }
     return found;
@@ -49,12 +48,21 @@ QList<ScriptedOnDeviceModel::SessionRecord> sessionsFor(const ScriptedOnDeviceMo
 class TestFoundationModelFormatter : public QObject {
     Q_OBJECT
 
-    std::optional<LogRecorder> m_log;
+    LogRecorder m_log;
+    std::shared_ptr<ScriptedOnDeviceModel> m_model;
+
+    // A formatter of a fresh model, prepared unless told otherwise.
+    FoundationModelFormatter makeFormatter(std::optional<Unavailability> unavailability = {}, bool prepared = true) {
+        m_model = std::make_shared<ScriptedOnDeviceModel>();
+        m_model->setUnavailability(unavailability);
+        FoundationModelFormatter formatter(m_model);
+        if (prepared)
+            syncWait(formatter.prepare());
+        return formatter;
+    }
 
 private slots:
-    void initTestCase() { m_log.emplace(); }
-    void cleanupTestCase() { m_log.reset(); }
-    void init() { m_log->clear(); }
+    void init() { m_log.lines.clear(); }
 
     void unavailableModelRefusesEveryRequest_data() {
         QTest::addColumn<Unavailability>("unavailability");
@@ -69,154 +77,98 @@ private slots:
     void unavailableModelRefusesEveryRequest() {
         QFETCH(Unavailability, unavailability);
         QFETCH(QString, reason);
-        auto model = std::make_shared<ScriptedOnDeviceModel>();
-        model->setUnavailability(unavailability);
-        FoundationModelFormatter formatter(model);
-        syncWait(formatter.prepare());
-
+        FoundationModelFormatter formatter = makeFormatter(unavailability);
         QVERIFY(!formatter.isAvailable());
         QCOMPARE(formatter.unavailableReason(), std::optional(reason));
-        QCOMPARE(m_log->lines(), QStringList{QStringLiteral("WARN Apple on-device model unavailable: ") + reason +
-                                             QStringLiteral(". Falling back to unformatted transcripts.")});
-        for (const Operation operation : kOperations) {
-            try {
-                syncWait(perform(formatter, operation, QStringLiteral("hello there")));
-                QFAIL("an unavailable model served a request");
-            } catch (const QuorvaneError &error) {
-                QCOMPARE(error.errorCase(), QuorvaneError::Case::formatterUnavailable);
-                QCOMPARE(error.message(), QStringLiteral("The formatting model is unavailable: ") + reason);
-            }
-        }
-        QVERIFY(model->sessions().isEmpty());
-    }
-
-    void consecutiveRequestsUseWarmedSessions_data() {
-        QTest::addColumn<Operation>("operation");
-        QTest::newRow("format") << Operation::format;
-        QTest::newRow("rewrite") << Operation::rewrite;
-        QTest::newRow("developer prompt") << Operation::compileDeveloperPrompt;
-    }
-    void consecutiveRequestsUseWarmedSessions() {
-        QFETCH(Operation, operation);
-        auto model = std::make_shared<ScriptedOnDeviceModel>();
-        FoundationModelFormatter formatter(model);
-        syncWait(formatter.prepare());
-        QCOMPARE(m_log->lines(), QStringList{QStringLiteral("INFO Formatter ready \u00B7 Apple on-device model")});
-        QCOMPARE(formatter.unavailableReason(), std::nullopt);
-        model->enqueue(Reply::withText(QStringLiteral("```text\nFirst.\n```")));
-        model->enqueue(Reply::withText(QStringLiteral("\"Second.\"")));
-
-        QCOMPARE(syncWait(perform(formatter, operation, QStringLiteral("first"))), QStringLiteral("First."));
-        QCOMPARE(syncWait(perform(formatter, operation, QStringLiteral("second"))), QStringLiteral("Second."));
-
-        // The one warmed by prepare, the one warmed after the first request, and the next one.
-        const auto sessions = sessionsFor(*model, operation);
-        QCOMPARE(sessions.size(), 3);
-        for (const auto &session : sessions) {
-            QVERIFY(session.prewarmed);
-            QCOMPARE(session.laterRequests, 0);
-        }
-        QCOMPARE(sessions[0].request->prompt, promptFor(operation, QStringLiteral("first")));
-        QCOMPARE(sessions[1].request->prompt, promptFor(operation, QStringLiteral("second")));
-        QVERIFY(!sessions[2].request);
-        // The other kinds' sessions, warmed by prepare, are left for their own requests.
-        QCOMPARE(model->sessions().size(), 5);
-        for (const Operation other : kOperations) {
-            if (other != operation)
-                QVERIFY(sessionsFor(*model, other).first().prewarmed);
-        }
-    }
-
-    void requestWithoutWarmSessionUsesAFreshOne() {
-        auto model = std::make_shared<ScriptedOnDeviceModel>();
-        FoundationModelFormatter formatter(model);
-        QCOMPARE(syncWait(formatter.format(QStringLiteral("hello"), mailContext())), QStringLiteral("Hello."));
-        const auto sessions = model->sessions();
-        QCOMPARE(sessions.size(), 2);
-        QCOMPARE(sessions[0].instructions, FormatterPrompt::systemInstructions());
-        QVERIFY(sessions[0].request);
-        QVERIFY(sessions[1].prewarmed);
-        QCOMPARE(sessions[1].instructions, FormatterPrompt::systemInstructions());
-    }
-
-    void failedRequestStillWarmsTheNext_data() {
-        QTest::addColumn<Operation>("operation");
-        QTest::addColumn<bool>("declined");
-        QTest::addColumn<QString>("logText");
-        QTest::addColumn<QString>("reason");
-        QTest::newRow("format declined") << Operation::format << true << "On-device model declined this utterance: "
-                                         << "model declined the request";
-        QTest::newRow("rewrite declined")
-            << Operation::rewrite << true << "On-device model declined the selected-text rewrite: "
-            << "model declined the rewrite";
-        QTest::newRow("developer prompt declined")
-            << Operation::compileDeveloperPrompt << true << "On-device model declined the developer prompt: "
-            << "model declined the developer prompt";
-        QTest::newRow("format, other failure") << Operation::format << false << QString() << QString();
-        QTest::newRow("developer prompt, other failure")
-            << Operation::compileDeveloperPrompt << false << QString() << QString();
-    }
-    void failedRequestStillWarmsTheNext() {
-        QFETCH(Operation, operation);
-        QFETCH(bool, declined);
-        QFETCH(QString, logText);
-        QFETCH(QString, reason);
-        const QString description = QStringLiteral("Detected content likely to be unsafe.");
-        auto model = std::make_shared<ScriptedOnDeviceModel>();
-        FoundationModelFormatter formatter(model);
-        syncWait(formatter.prepare());
-        m_log->clear();
-        model->enqueue(declined ? Reply::declined(description) : Reply::otherFailure());
-
-        bool passedOn = false;
-        try {
-            syncWait(perform(formatter, operation, QStringLiteral("something awkward")));
-            QFAIL("a failed request produced text");
-        } catch (const QuorvaneError &error) {
-            QVERIFY(declined);
-            QCOMPARE(error.errorCase(), QuorvaneError::Case::formatterUnavailable);
-            QCOMPARE(error.detail(), reason);
-        } catch (const ScriptedOnDeviceModel::OtherFailure &) {
-            passedOn = true;
-        }
-        QCOMPARE(passedOn, !declined);
-        QCOMPARE(m_log->lines(),
-                 declined ? QStringList{QStringLiteral("WARN ") + logText + description} : QStringList{});
-
-        const auto sessions = sessionsFor(*model, operation);
-        QCOMPARE(sessions.size(), 2);
-        QVERIFY(sessions[1].prewarmed);
-        QVERIFY(!sessions[1].request);
-        // The refusal leaves the formatter as it was: the next request is served by the new session.
-        QCOMPARE(syncWait(perform(formatter, operation, QStringLiteral("fine now"))), QStringLiteral("Hello."));
-        QCOMPARE(sessionsFor(*model, operation)[1].request->prompt, promptFor(operation, QStringLiteral("fine now")));
-        QVERIFY(formatter.isAvailable());
+        QCOMPARE(m_log.lines, QStringList{"WARN Apple on-device model unavailable: " + reason +
+                                          ". Falling back to unformatted transcripts."});
+        for (const Operation operation : FormatterOperations::all)
+            QCOMPARE(outcomeOf(formatter, operation, "hello there"), kUnavailable + reason);
+        QVERIFY(m_model->sessions.isEmpty());
     }
 
     // Budgets count user-perceived characters: each "é" here is two UTF-16 units.
-    void responseBudgets_data() {
+    void consecutiveRequestsUseWarmedSessions_data() {
         QTest::addColumn<Operation>("operation");
         QTest::addColumn<int>("characters");
         QTest::addColumn<int>("budget");
-        QTest::newRow("format, 1,000 characters") << Operation::format << 1000 << 628;
-        QTest::newRow("format, 11 characters") << Operation::format << 11 << 133;
-        QTest::newRow("rewrite, 100 characters") << Operation::rewrite << 100 << 210;
-        QTest::newRow("Prompt Mode, 100 characters") << Operation::compileDeveloperPrompt << 100 << 420;
+        QTest::newRow("format") << Operation::format << 1000 << 628;
+        QTest::newRow("rewrite") << Operation::rewrite << 100 << 210;
+        QTest::newRow("developer prompt") << Operation::compileDeveloperPrompt << 100 << 420;
     }
-    void responseBudgets() {
+    void consecutiveRequestsUseWarmedSessions() {
         QFETCH(Operation, operation);
         QFETCH(int, characters);
         QFETCH(int, budget);
-        const QString input = QStringLiteral("e\u0301").repeated(characters);
-        auto model = std::make_shared<ScriptedOnDeviceModel>();
-        FoundationModelFormatter formatter(model);
-        syncWait(formatter.prepare());
-        syncWait(perform(formatter, operation, input));
+        const QString first = QString("e\u0301").repeated(characters);
+        FoundationModelFormatter formatter = makeFormatter();
+        QCOMPARE(m_log.lines, QStringList{"INFO Formatter ready \u00B7 Apple on-device model"});
+        m_model->enqueue(Reply::text, "```text\nFirst.\n```");
+        m_model->enqueue(Reply::text, "\"Second.\"");
 
-        const auto request = sessionsFor(*model, operation).first().request;
-        QVERIFY(request);
-        QCOMPARE(request->maximumResponseTokens, budget);
-        QCOMPARE(request->prompt, promptFor(operation, input));
+        QCOMPARE(outcomeOf(formatter, operation, first), "First.");
+        QCOMPARE(outcomeOf(formatter, operation, "second"), "Second.");
+        // The one warmed by prepare, the one warmed after the first request, and the next one; each
+        // serves one request. The other kinds' sessions, warmed by prepare, wait for their own.
+        const auto sessions = sessionsFor(*m_model, operation);
+        QCOMPARE(sessions.size(), 3);
+        QCOMPARE(sessions[0]->prompts, QStringList{promptFor(operation, first)});
+        QCOMPARE(sessions[0]->budgets, QList<int>{budget});
+        QCOMPARE(sessions[1]->prompts, QStringList{promptFor(operation, "second")});
+        QCOMPARE(sessions[2]->prompts, QStringList{});
+        QCOMPARE(m_model->sessions.size(), 5);
+        for (const auto &session : m_model->sessions)
+            QVERIFY(session->prewarmed);
+    }
+
+    void requestWithoutWarmSessionUsesAFreshOne() {
+        FoundationModelFormatter formatter = makeFormatter({}, false);
+        QCOMPARE(outcomeOf(formatter, Operation::format, "hello"), "Hello.");
+        const auto sessions = sessionsFor(*m_model, Operation::format);
+        QCOMPARE(m_model->sessions.size(), 2);
+        QCOMPARE(sessions.size(), 2);
+        QCOMPARE(sessions[0]->prompts, QStringList{promptFor(Operation::format, "hello")});
+        QVERIFY(sessions[1]->prewarmed);
+    }
+
+    // A refusal is logged with the platform's description and reported with a short reason.
+    void failedRequestStillWarmsTheNext_data() {
+        QTest::addColumn<Operation>("operation");
+        QTest::addColumn<Reply>("failure");
+        QTest::addColumn<QString>("reason");
+        QTest::addColumn<QString>("logged");
+        QTest::newRow("format declined") << Operation::format << Reply::declined << "model declined the request"
+                                         << "this utterance";
+        QTest::newRow("rewrite declined") << Operation::rewrite << Reply::declined << "model declined the rewrite"
+                                          << "the selected-text rewrite";
+        QTest::newRow("developer prompt declined")
+            << Operation::compileDeveloperPrompt << Reply::declined << "model declined the developer prompt"
+            << "the developer prompt";
+        QTest::newRow("other failure is passed on") << Operation::format << Reply::otherFailure << ""
+                                                    << "";
+    }
+    void failedRequestStillWarmsTheNext() {
+        QFETCH(Operation, operation);
+        QFETCH(Reply, failure);
+        QFETCH(QString, reason);
+        QFETCH(QString, logged);
+        const QString description = "Detected content likely to be unsafe.";
+        FoundationModelFormatter formatter = makeFormatter();
+        m_log.lines.clear();
+        m_model->enqueue(failure, description);
+
+        const bool declined = failure == Reply::declined;
+        QCOMPARE(outcomeOf(formatter, operation, "something awkward"),
+                 declined ? kUnavailable + reason : "OtherFailure");
+        QCOMPARE(m_log.lines, declined ? QStringList{"WARN On-device model declined " + logged + ": " + description}
+                                       : QStringList{});
+        // The failure leaves the formatter as it was: the next request is served by a new warmed session.
+        const auto sessions = sessionsFor(*m_model, operation);
+        QCOMPARE(sessions.size(), 2);
+        QVERIFY(sessions[1]->prewarmed);
+        QCOMPARE(outcomeOf(formatter, operation, "fine now"), "Hello.");
+        QCOMPARE(sessions[1]->prompts, QStringList{promptFor(operation, "fine now")});
+        QVERIFY(formatter.isAvailable());
     }
 };
 

@@ -2,61 +2,57 @@
 
 #include "formatting/OnDeviceLanguageModel.h"
 
+#include <QCoro/QCoroTimer>
 #include <QList>
 #include <QQueue>
-#include <QString>
-#include <memory>
-#include <optional>
+#include <chrono>
 
 // An on-device model whose availability and replies a test sets. Every session it makes is kept,
-// with whether it was warmed and what it was asked, so tests can follow which session served which
-// request. Replies arrive from the event loop, as the real model's do.
+// with whether it was warmed and what it was asked. Replies arrive from the event loop, as the
+// real model's do.
 class ScriptedOnDeviceModel final : public OnDeviceLanguageModel {
 public:
-    struct Request {
-        QString prompt;
-        int maximumResponseTokens = 0;
-    };
+    // A reply's text, a refusal with this description, or a failure that is not a refusal.
+    enum class Reply { text, declined, otherFailure };
+    struct OtherFailure : std::exception {};
+    using Replies = QQueue<std::pair<Reply, QString>>;
 
-    struct SessionRecord {
+    struct ScriptedSession final : Session {
         QString instructions;
+        std::shared_ptr<Replies> replies;
         bool prewarmed = false;
-        // Set once a request has been made of the session.
-        std::optional<Request> request;
-        // Requests made after the first; a session that is reused shows up here.
-        int laterRequests = 0;
-    };
+        QStringList prompts;
+        QList<int> budgets;
 
-    // What the next request gets: a reply, a refusal with this description, or another failure.
-    struct Reply {
-        enum class Kind { text, declined, otherFailure };
-        Kind kind = Kind::text;
-        QString text;
-
-        static Reply withText(const QString &text) { return {Kind::text, text}; }
-        static Reply declined(const QString &description) { return {Kind::declined, description}; }
-        static Reply otherFailure() { return {Kind::otherFailure, {}}; }
-    };
-
-    // Thrown for Reply::otherFailure: not a refusal of the model.
-    struct OtherFailure : std::exception {
-        const char *what() const noexcept override { return "interrupted"; }
+        ScriptedSession(const QString &instructions, std::shared_ptr<Replies> replies)
+            : instructions(instructions), replies(std::move(replies)) {}
+        void prewarm() override { prewarmed = true; }
+        QCoro::Task<QString> respond(QString prompt, int maximumResponseTokens) override {
+            prompts.append(prompt);
+            budgets.append(maximumResponseTokens);
+            const auto [kind, text] =
+                replies->isEmpty() ? std::pair(Reply::text, QString("Hello.")) : replies->dequeue();
+            co_await QCoro::sleepFor(std::chrono::milliseconds(1));
+            if (kind == Reply::declined)
+                throw GenerationError(text);
+            if (kind == Reply::otherFailure)
+                throw OtherFailure();
+            co_return text;
+        }
     };
 
     std::optional<Unavailability> unavailability() const override { return m_unavailability; }
-    std::shared_ptr<Session> makeSession(const QString &instructions) override;
-
     void setUnavailability(std::optional<Unavailability> unavailability) { m_unavailability = unavailability; }
+    std::shared_ptr<Session> makeSession(const QString &instructions) override {
+        return sessions.emplace_back(std::make_shared<ScriptedSession>(instructions, m_replies));
+    }
     // Answered in order; once empty, requests get the text "Hello.".
-    void enqueue(const Reply &reply) { m_replies->enqueue(reply); }
+    void enqueue(Reply kind, const QString &text) { m_replies->enqueue({kind, text}); }
 
     // Every session made so far, oldest first.
-    QList<SessionRecord> sessions() const;
+    QList<std::shared_ptr<ScriptedSession>> sessions;
 
 private:
-    class ScriptedSession;
-
     std::optional<Unavailability> m_unavailability;
-    std::shared_ptr<QQueue<Reply>> m_replies = std::make_shared<QQueue<Reply>>();
-    QList<std::shared_ptr<SessionRecord>> m_records;
+    std::shared_ptr<Replies> m_replies = std::make_shared<Replies>();
 };
