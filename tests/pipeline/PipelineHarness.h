@@ -19,6 +19,8 @@
 // manual clock. Scenarios press keys, advance time and read what the user would have seen.
 class PipelineHarness {
 public:
+    using Kind = PipelineState::Kind;
+
     PipelineHarness() {
         Log::setObserver([this](const QString &level, const QString &message) {
             std::lock_guard lock(m_logMutex);
@@ -73,20 +75,25 @@ public:
     bool modelAsked(int count = 1) {
         return QTest::qWaitFor([&] { return ollama.generateRequests().size() >= m_warmUps + count; }, 2000);
     }
-    // The bodies of the model requests since the warm-up.
-    QList<QJsonObject> modelRequests() const { return ollama.generateBodies().mid(m_warmUps); }
-    // What the whisper server answers next.
+    // The prompt of the model's `index`th request since the warm-up.
+    QString modelPrompt(qsizetype index = 0) const {
+        return ollama.generateBodies().mid(m_warmUps).value(index).value(QStringLiteral("prompt")).toString();
+    }
+    qsizetype modelRequestCount() const { return ollama.generateBodies().size() - m_warmUps; }
+    // What the whisper server answers next, and the vocabulary prompt of its `index`th request.
     void transcript(const QString &text) { whisper.enqueueInference(FakeWhisperServer::transcript(text)); }
+    QByteArray recognitionHints(qsizetype index = 0) const {
+        return whisper.inferenceRequests().value(index).field("prompt").value_or(QByteArray());
+    }
 
-    PipelineState::Kind kind() const { return pipeline->state().kind; }
+    Kind kind() const { return pipeline->state().kind; }
 
     // Presses `key` and waits until the microphone runs.
     bool press(FakeHotkey &key) {
         key.press();
-        return QTest::qWaitFor([this] { return !pipeline->isStarting(); }, 2000) &&
-               kind() == PipelineState::Kind::recording;
+        return QTest::qWaitFor([this] { return !pipeline->isStarting(); }, 2000) && kind() == Kind::recording;
     }
-    // Holds `key` for `ms` of the manual clock while `samples` arrive, then releases it.
+    // Holds `key` for `ms` of the manual clock while audio arrives, then releases it.
     bool hold(FakeHotkey &key, qint64 ms = 1200) {
         if (!press(key))
             return false;
@@ -98,25 +105,29 @@ public:
     // Waits (real time, briefly) until the run has ended in idle or error.
     bool settle() {
         return QTest::qWaitFor(
-            [this] {
-                return !pipeline->isStarting() &&
-                       (kind() == PipelineState::Kind::idle || kind() == PipelineState::Kind::error);
-            },
-            3000);
+            [this] { return !pipeline->isStarting() && (kind() == Kind::idle || kind() == Kind::error); }, 3000);
     }
     bool holdAndSettle(FakeHotkey &key, qint64 ms = 1200) { return hold(key, ms) && settle(); }
+    // Advances the clock to one millisecond short of `ms`, checks the run still waits, then lets it end.
+    bool expiresAfter(qint64 ms) {
+        scheduler.advance(ms - 1);
+        QTest::qWait(10);
+        if (kind() != Kind::thinking && kind() != Kind::recording)
+            return false;
+        scheduler.advance(1);
+        return settle();
+    }
 
     QStringList log() const {
         std::lock_guard lock(m_logMutex);
         return m_log;
     }
+    QByteArray logText() const { return log().join(QLatin1Char('\n')).toUtf8(); }
     bool logged(const QString &line) const { return log().contains(line); }
     bool loggedStartingWith(const QString &prefix) const {
         const QStringList lines = log();
         return std::any_of(lines.begin(), lines.end(), [&](const QString &line) { return line.startsWith(prefix); });
     }
-    // Position of a line in the log, -1 when absent.
-    qsizetype logIndex(const QString &line) const { return log().indexOf(line); }
 
     QTemporaryDir data;
     FakeWhisperServer whisper;

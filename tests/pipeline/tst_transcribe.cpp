@@ -11,8 +11,6 @@
 
 namespace {
 
-const QString rule = QString(41, QChar(0x2500));
-
 // Timings differ from run to run; everything else in the report is exact.
 QString withoutTimings(QString out) {
     static const QRegularExpression milliseconds(QStringLiteral("\\b\\d+ ms\\b"));
@@ -20,9 +18,10 @@ QString withoutTimings(QString out) {
 }
 
 QString report(const QString &raw, const QString &formatted, const QString &verdict, bool clean) {
-    return rule + "\n" + "raw ASR    : \"" + raw + "\"\n" + "formatted  : \"" + formatted + "\"\n" +
-           "verdict    : " + verdict + "\n" + rule + "\n" + "asr        : N ms\n" + "format     : N ms\n" +
-           "total      : N ms  (from end of audio, injection excluded)\n\n" +
+    const QString rule = QString(41, QChar(0x2500)) + "\n";
+    return rule + "raw ASR    : \"" + raw + "\"\nformatted  : \"" + formatted + "\"\nverdict    : " + verdict + "\n" +
+           rule +
+           "asr        : N ms\nformat     : N ms\ntotal      : N ms  (from end of audio, injection excluded)\n\n" +
            (clean ? "✓ Pipeline ran end to end.\n" : "✓ Pipeline ran; guard protected against a bad rewrite.\n");
 }
 
@@ -31,28 +30,29 @@ QString report(const QString &raw, const QString &formatted, const QString &verd
 class TranscribeTest : public QObject {
     Q_OBJECT
 
-private:
     QTemporaryDir m_home;
     std::unique_ptr<FakeWhisperServer> m_whisper;
     std::unique_ptr<FakeOllamaServer> m_ollama;
     QString m_wav;
 
-    void writeSettings(const QJsonObject &overrides = {}) {
+    void writeSettings(const QString &key = {}, const QString &value = {}) {
         QJsonObject settings{{"asr", "whisperServer"},
                              {"formatter", "ollama"},
                              {"ollamaModel", "llama3.2:latest"},
                              {"whisperEndpoint", m_whisper->url().toString()},
                              {"ollamaEndpoint", m_ollama->url().toString()}};
-        for (auto it = overrides.begin(); it != overrides.end(); ++it)
-            settings.insert(it.key(), it.value());
+        if (!key.isEmpty())
+            settings.insert(key, value);
         writeFileBytes(m_home.filePath("config.json"), QJsonDocument(settings).toJson());
     }
-
-    QuorvaneRun transcribe(const QString &path, const QStringList &extra = {}) {
-        return runQuorvane(m_home.path(), QStringList{"transcribe", path} + extra);
+    // Runs the command on a transcript, after the model's warm-up has been answered.
+    QuorvaneRun transcribe(const QString &spoken, const QStringList &extra = {}) {
+        m_whisper->enqueueInference(FakeWhisperServer::transcript(spoken));
+        m_ollama->enqueueGenerate(FakeOllamaServer::generation("ok"));
+        return runQuorvane(m_home.path(), QStringList{"transcribe", m_wav} + extra);
     }
 
-private Q_SLOTS:
+private slots:
     void init() {
         QVERIFY(m_home.isValid());
         QFile::remove(m_home.filePath("vocabulary.txt"));
@@ -65,26 +65,19 @@ private Q_SLOTS:
     }
 
     void acceptedRewrite() {
-        m_whisper->enqueueInference(FakeWhisperServer::transcript(" so the meeting is at three tomorrow\n"));
-        m_ollama->enqueueGenerate(FakeOllamaServer::generation("ok"));
-        m_ollama->enqueueGenerate(FakeOllamaServer::generation("So the meeting is at three tomorrow."));
-        const QuorvaneRun run = transcribe(m_wav);
+        m_ollama->setDefaultGenerate(FakeOllamaServer::generation("So the meeting is at three tomorrow."));
+        const QuorvaneRun run = transcribe(" so the meeting is at three tomorrow\n");
         QCOMPARE(run.exitCode, 0);
         QCOMPARE(withoutTimings(run.out), "audio      : 1.0s · 16000 Hz · 16000 samples\n" +
                                               report("so the meeting is at three tomorrow",
                                                      "So the meeting is at three tomorrow.", "accepted", true));
-        // The warm-up, then the one dictation request with the transcript.
-        const QList<QJsonObject> bodies = m_ollama->generateBodies();
-        QCOMPARE(bodies.size(), 2);
-        QVERIFY(bodies.last().value("prompt").toString().contains("so the meeting is at three tomorrow"));
+        QVERIFY(m_ollama->generateBodies().last().value("prompt").toString().contains("meeting is at three"));
     }
 
     void guardOverrulesTheModel() {
-        m_whisper->enqueueInference(FakeWhisperServer::transcript(" send the report to anna"));
-        m_ollama->enqueueGenerate(FakeOllamaServer::generation("ok"));
         const QString proposal = "Sure! I can help you send the report to Anna. Let me know what else you need.";
-        m_ollama->enqueueGenerate(FakeOllamaServer::generation(proposal));
-        const QuorvaneRun run = transcribe(m_wav);
+        m_ollama->setDefaultGenerate(FakeOllamaServer::generation(proposal));
+        const QuorvaneRun run = transcribe(" send the report to anna");
         QCOMPARE(run.exitCode, 0);
         const QStringList lines = withoutTimings(run.out).split('\n');
         QVERIFY2(lines.at(1).startsWith("  ⚠︎ guard overruled the model (rejected"), qPrintable(lines.at(1)));
@@ -95,41 +88,38 @@ private Q_SLOTS:
                  report("send the report to anna", "Send the report to anna.", verdict, false));
     }
 
-    void oneWordSkipsTheFormatter() {
-        m_whisper->enqueueInference(FakeWhisperServer::transcript(" hello"));
-        const QuorvaneRun run = transcribe(m_wav);
-        QCOMPARE(run.exitCode, 0);
-        QVERIFY(withoutTimings(run.out).endsWith(report("hello", "Hello.", "skippedTooShort", true)));
-        QCOMPARE(m_ollama->generateBodies().size(), 1); // the warm-up only
+    void rawWordsShip_data() {
+        QTest::addColumn<QString>("spoken");
+        QTest::addColumn<QString>("verdict");
+        QTest::addColumn<qsizetype>("modelRequests"); // counting the warm-up
+        QTest::newRow("one word") << "hello"
+                                  << "skippedTooShort" << qsizetype(1);
+        QTest::newRow("formatter fails") << "please call me back later"
+                                         << "formatterFailed" << qsizetype(2);
+        QTest::newRow("formatter disabled") << "notes for the standup"
+                                            << "formatterDisabled" << qsizetype(0);
     }
-
-    void formatterFailureKeepsTheRawWords() {
-        m_whisper->enqueueInference(FakeWhisperServer::transcript(" please call me back later"));
-        m_ollama->enqueueGenerate(FakeOllamaServer::generation("ok"));
-        m_ollama->setDefaultGenerate(FakeOllamaServer::Response::json(500, R"({"error":"runner failed"})"));
-        const QuorvaneRun run = transcribe(m_wav);
+    void rawWordsShip() {
+        QFETCH(QString, spoken);
+        QFETCH(QString, verdict);
+        QFETCH(qsizetype, modelRequests);
+        if (verdict == "formatterFailed")
+            m_ollama->setDefaultGenerate(FakeOllamaServer::Response::json(500, R"({"error":"runner failed"})"));
+        if (verdict == "formatterDisabled")
+            writeSettings("formatter", "none");
+        const QuorvaneRun run = transcribe(" " + spoken);
         QCOMPARE(run.exitCode, 0);
-        QVERIFY2(withoutTimings(run.out).endsWith(
-                     report("please call me back later", "Please call me back later.", "formatterFailed", false)),
+        const QString shipped = spoken.at(0).toUpper() + spoken.mid(1) + ".";
+        QVERIFY2(withoutTimings(run.out).endsWith(report(spoken, shipped, verdict, verdict != "formatterFailed")),
                  qPrintable(run.out));
         QVERIFY(!run.out.contains("HTTP error")); // the formatter's error is not printed
-    }
-
-    void passThroughFormatterIsDisabled() {
-        writeSettings({{"formatter", "none"}});
-        m_whisper->enqueueInference(FakeWhisperServer::transcript(" notes for the standup"));
-        const QuorvaneRun run = transcribe(m_wav);
-        QCOMPARE(run.exitCode, 0);
-        QVERIFY(withoutTimings(run.out).endsWith(
-            report("notes for the standup", "Notes for the standup.", "formatterDisabled", true)));
-        QVERIFY(m_ollama->requests().isEmpty());
+        QCOMPARE(m_ollama->generateBodies().size(), modelRequests);
     }
 
     void resamplesToTheEngineRateAndBiases() {
         writeToneWav(m_wav, 0.5, 48000);
         writeFileBytes(m_home.filePath("vocabulary.txt"), "# my words\nKubernetes\nQuorvane\n");
-        m_whisper->enqueueInference(FakeWhisperServer::transcript(" deploy kubernetes"));
-        const QuorvaneRun run = transcribe(m_wav, {"pt-BR", "ignored"});
+        const QuorvaneRun run = transcribe(" deploy kubernetes", {"pt-BR", "ignored"});
         QCOMPARE(run.exitCode, 0);
         QVERIFY(
             run.out.startsWith("audio      : 0.5s · 48000 Hz · 24000 samples\n  biasing with 2 vocabulary terms\n"));
@@ -166,26 +156,24 @@ private Q_SLOTS:
         QFETCH(QString, scenario);
         QFETCH(QString, expected);
         const QString closed = QString::number(FakeHttpServer::closedPort());
-        QString wav = m_wav;
         if (scenario == "missing")
-            wav = m_home.filePath("nowhere.wav");
+            QFile::remove(m_wav);
         if (scenario == "text")
-            writeFileBytes(wav, "this is plain text, long enough to pass the size check of a header");
+            writeFileBytes(m_wav, "this is plain text, long enough to pass the size check of a header");
         if (scenario == "whisper down")
-            writeSettings({{"whisperEndpoint", "http://127.0.0.1:" + closed}});
+            writeSettings("whisperEndpoint", "http://127.0.0.1:" + closed);
         if (scenario == "ollama down")
-            writeSettings({{"ollamaEndpoint", "http://127.0.0.1:" + closed}});
+            writeSettings("ollamaEndpoint", "http://127.0.0.1:" + closed);
         if (scenario == "model missing")
             m_ollama->setModels({"llama3.2", "qwen3:8b"});
         if (scenario == "whisper 500")
             m_whisper->setDefaultInference(FakeHttpServer::Response::json(500, R"({"error":"boom"})"));
-        const QuorvaneRun run = transcribe(wav);
+        const QuorvaneRun run = runQuorvane(m_home.path(), {"transcribe", m_wav});
         QVERIFY2(run.exitCode == 1, qPrintable(run.err));
-        const QStringList lines = run.out.split('\n', Qt::SkipEmptyParts);
-        const QString failure = lines.last();
-        QVERIFY2(failure.startsWith(QString(expected).replace("%wav", wav).replace("%closed", closed)),
-                 qPrintable(failure));
         // Exactly one failure line, and it is the last thing printed.
+        const QString failure = run.out.split('\n', Qt::SkipEmptyParts).last();
+        QVERIFY2(failure.startsWith(QString(expected).replace("%wav", m_wav).replace("%closed", closed)),
+                 qPrintable(failure));
         QCOMPARE(run.out.count("✗"), 1);
         QVERIFY(run.out.endsWith(failure + "\n"));
     }

@@ -1,42 +1,84 @@
 #pragma once
 
 #include "platform/AudioCapturing.h"
+#include "speech/WavEncoder.h"
 
-#include <QList>
-#include <QString>
+#include <QFile>
 #include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
 // A microphone with scripted audio: start() hands over the pre-roll, deliver() plays more while
 // recording, and stop() settles the scripted verdict. Safe to start from a worker thread.
 class FakeAudioCapture final : public AudioCapturing {
 public:
-    void setOnChunk(std::function<void(const AudioChunk &)> onChunk) override;
-    AudioCaptureStatus lastCaptureStatus() const override;
-    void setVoiceProcessingEnabled(bool on) override;
+    void setOnChunk(std::function<void(const AudioChunk &)> onChunk) override { set(m_onChunk, std::move(onChunk)); }
+    AudioCaptureStatus lastCaptureStatus() const override { return locked(m_status); }
+    void setVoiceProcessingEnabled(bool on) override { set(m_voiceProcessing, std::optional<bool>(on)); }
     void prepare() override {}
-    void start(double sampleRate, bool retainAudio) override;
-    void stop() override;
-    void writeRetainedAudio(const QString &path) override;
+    void start(double sampleRate, bool retainAudio) override {
+        std::unique_lock lock(m_mutex);
+        ++m_starts;
+        if (const std::optional<QuorvaneError> failure = std::exchange(m_startFailure, std::nullopt))
+            throw *failure;
+        m_sampleRate = sampleRate;
+        m_retain = retainAudio;
+        m_retained.clear();
+        m_status = AudioCaptureStatus::unknown;
+        m_capturing = true;
+        std::vector<float> preRoll = m_preRoll;
+        lock.unlock();
+        deliver(std::move(preRoll));
+    }
+    void stop() override {
+        std::lock_guard lock(m_mutex);
+        if (std::exchange(m_capturing, false)) {
+            m_onChunk = {};
+            m_status = m_nextStatus;
+        }
+    }
+    void writeRetainedAudio(const QString &path) override {
+        std::lock_guard lock(m_mutex);
+        QFile file(path);
+        if (m_retain && !m_retained.empty() && file.open(QIODevice::WriteOnly))
+            file.write(WavEncoder::encode(std::exchange(m_retained, {}), m_sampleRate));
+    }
 
     // What the next start() delivers at once, as a warm microphone hands over its pre-roll.
-    void setPreRoll(std::vector<float> samples);
+    void setPreRoll(std::vector<float> samples) { set(m_preRoll, std::move(samples)); }
     // The next start() throws this instead of starting.
-    void failNextStart(const QuorvaneError &error);
+    void failNextStart(const QuorvaneError &error) { set(m_startFailure, std::optional<QuorvaneError>(error)); }
     // The verdict of the next stop() (usable until told otherwise).
-    void setNextStatus(AudioCaptureStatus status);
+    void setNextStatus(AudioCaptureStatus status) { set(m_nextStatus, status); }
     // Delivers a chunk now, as the audio thread would while recording.
-    void deliver(std::vector<float> samples);
+    void deliver(std::vector<float> samples) {
+        std::unique_lock lock(m_mutex);
+        if (!m_capturing || !m_onChunk || samples.empty())
+            return;
+        if (m_retain)
+            m_retained.insert(m_retained.end(), samples.begin(), samples.end());
+        // The handler may call back into this capture, so it runs unlocked.
+        const std::function<void(const AudioChunk &)> handler = m_onChunk;
+        const double rate = m_sampleRate;
+        lock.unlock();
+        handler(AudioChunk{std::move(samples), rate});
+    }
 
-    bool isCapturing() const;
-    int startCount() const;
-    int stopCount() const;
-    double lastSampleRate() const;
-    std::optional<bool> voiceProcessing() const;
-    QStringList retainedPaths() const;
+    bool isCapturing() const { return locked(m_capturing); }
+    int startCount() const { return locked(m_starts); }
+    std::optional<bool> voiceProcessing() const { return locked(m_voiceProcessing); }
 
 private:
+    template <typename T> T locked(const T &value) const {
+        std::lock_guard lock(m_mutex);
+        return value;
+    }
+    template <typename T> void set(T &member, T value) {
+        std::lock_guard lock(m_mutex);
+        member = std::move(value);
+    }
+
     mutable std::mutex m_mutex;
     std::function<void(const AudioChunk &)> m_onChunk;
     std::vector<float> m_preRoll;
@@ -45,10 +87,8 @@ private:
     AudioCaptureStatus m_nextStatus = AudioCaptureStatus::usable;
     AudioCaptureStatus m_status = AudioCaptureStatus::unknown;
     std::optional<bool> m_voiceProcessing;
-    QStringList m_retainedPaths;
     double m_sampleRate = 0;
     bool m_retain = false;
     bool m_capturing = false;
     int m_starts = 0;
-    int m_stops = 0;
 };

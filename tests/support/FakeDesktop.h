@@ -12,11 +12,8 @@
 class RecordingInjector final : public TextInjector {
 public:
     void inject(const QString &text) override {
-        if (m_failure) {
-            const QuorvaneError error = *m_failure;
-            m_failure.reset();
-            throw error;
-        }
+        if (const std::optional<QuorvaneError> failure = std::exchange(m_failure, std::nullopt))
+            throw *failure;
         injected.append(text);
     }
     void copyToClipboard(const QString &text) override { clipboard = text; }
@@ -34,8 +31,6 @@ private:
 class FakeSelectionEditor final : public SelectionEditing {
 public:
     SelectedTextSnapshot captureSelection() override {
-        if (captureFailure)
-            throw *captureFailure;
         if (!current)
             throw QuorvaneError(QuorvaneError::Case::noTextSelected);
         return *current;
@@ -47,7 +42,6 @@ public:
     }
 
     std::optional<SelectedTextSnapshot> current;
-    std::optional<QuorvaneError> captureFailure;
     QList<std::pair<SelectedTextSnapshot, QString>> replacements;
 };
 
