@@ -13,7 +13,7 @@
 #include "formatting/TranscriptGuard.h"
 #include "pipeline/EngineChoice.h"
 #include "repository/AgentExecutableLocator.h"
-#include "repository/OffThread.h"
+#include "core/OffThread.h"
 #include "speech/RecognitionContextBuilder.h"
 
 #include <QDateTime>

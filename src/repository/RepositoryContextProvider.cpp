@@ -2,7 +2,7 @@
 
 #include "core/Log.h"
 #include "core/QuorvaneError.h"
-#include "repository/OffThread.h"
+#include "core/OffThread.h"
 #include "repository/RepositoryCandidateSelector.h"
 
 #include <QSet>

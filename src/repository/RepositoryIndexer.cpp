@@ -1,15 +1,14 @@
 #include "repository/RepositoryIndexer.h"
 
+#include "core/OffThread.h"
+#include "core/ProgramRun.h"
 #include "core/QuorvaneError.h"
 #include "core/Text.h"
-#include "repository/OffThread.h"
 
-#include <QCoro/QCoroProcess>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
-#include <QProcess>
 #include <QProcessEnvironment>
 #include <QRegularExpression>
 #include <QSet>
@@ -217,26 +216,18 @@ QCoro::Task<RepositoryContext> RepositoryIndexer::index(QString root, std::optio
 }
 
 QCoro::Task<QStringList> RepositoryIndexer::trackedFiles(QString root, int maxFiles) {
-    QProcess git;
-    git.setProgram(QStringLiteral("/usr/bin/git"));
-    // NUL-separated output keeps unusual file names verbatim instead of C-quoted.
-    git.setArguments({QStringLiteral("ls-files"), QStringLiteral("-z")});
-    git.setWorkingDirectory(root);
     // Inherited Git variables (set when we are started from a hook, say) would point Git at some
     // other repository than the one in the working directory.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     for (const char *name : {"GIT_DIR", "GIT_WORK_TREE", "GIT_INDEX_FILE", "GIT_COMMON_DIR", "GIT_OBJECT_DIRECTORY"})
         environment.remove(QString::fromLatin1(name));
-    git.setProcessEnvironment(environment);
-    git.setStandardInputFile(QProcess::nullDevice());
-    git.setStandardErrorFile(QProcess::nullDevice());
-    auto process = qCoro(git);
-    if (!co_await process.start(QIODevice::ReadOnly))
+    // NUL-separated output keeps unusual file names verbatim instead of C-quoted. A Git stuck on a
+    // network file system must not hold Prompt Mode up forever.
+    const std::optional<ProgramOutput> git = co_await runProgram(
+        QStringLiteral("/usr/bin/git"), {QStringLiteral("ls-files"), QStringLiteral("-z")}, root, environment, 10'000);
+    if (!git || git->exitCode != 0)
         co_return QStringList{};
-    // A Git stuck on a network file system must not hold Prompt Mode up forever.
-    if (!co_await process.waitForFinished(10'000) || git.exitStatus() != QProcess::NormalExit || git.exitCode() != 0)
-        co_return QStringList{};
-    const QByteArray output = git.readAllStandardOutput();
+    const QByteArray &output = git->standardOutput;
     QStringList paths;
     for (const QByteArray &entry : output.split('\0')) {
         if (paths.size() >= maxFiles)

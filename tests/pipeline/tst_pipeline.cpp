@@ -60,10 +60,12 @@ private slots:
     void releaseDuringStartupIsAppliedOnceRecording() {
         PipelineHarness h;
         h.build();
+        h.capture->holdStarts();
         h.dictationKey.press();
         QVERIFY(h.pipeline->isStarting());
         h.scheduler.advance(700);
         h.dictationKey.release();
+        h.capture->letStartsGo();
         QVERIFY(h.settle());
         const QStringList log = h.log();
         const qsizetype started = log.indexOf(QStringLiteral("INFO Recording started."));

@@ -4,6 +4,7 @@
 #include "speech/WavEncoder.h"
 
 #include <QFile>
+#include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <utility>
@@ -19,6 +20,7 @@ public:
     void prepare() override {}
     void start(double sampleRate, bool retainAudio) override {
         std::unique_lock lock(m_mutex);
+        m_startGate.wait(lock, [this] { return !m_holdStarts; });
         ++m_starts;
         if (const std::optional<QuorvaneError> failure = std::exchange(m_startFailure, std::nullopt))
             throw *failure;
@@ -47,6 +49,13 @@ public:
 
     // What the next start() delivers at once, as a warm microphone hands over its pre-roll.
     void setPreRoll(std::vector<float> samples) { set(m_preRoll, std::move(samples)); }
+    // Keeps start() (on its worker thread) from finishing until letStartsGo(), so a test can act
+    // while recording is still starting.
+    void holdStarts() { set(m_holdStarts, true); }
+    void letStartsGo() {
+        set(m_holdStarts, false);
+        m_startGate.notify_all();
+    }
     // The next start() throws this instead of starting.
     void failNextStart(const QuorvaneError &error) { set(m_startFailure, std::optional<QuorvaneError>(error)); }
     // The verdict of the next stop() (usable until told otherwise).
@@ -80,6 +89,8 @@ private:
     }
 
     mutable std::mutex m_mutex;
+    std::condition_variable m_startGate;
+    bool m_holdStarts = false;
     std::function<void(const AudioChunk &)> m_onChunk;
     std::vector<float> m_preRoll;
     std::vector<float> m_retained;

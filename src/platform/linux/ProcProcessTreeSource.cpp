@@ -1,6 +1,6 @@
 #include "platform/linux/ProcProcessTreeSource.h"
 
-#include "repository/OffThread.h"
+#include "core/OffThread.h"
 
 #include <QDir>
 #include <QFile>

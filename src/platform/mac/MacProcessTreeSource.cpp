@@ -1,29 +1,18 @@
 #include "platform/mac/MacProcessTreeSource.h"
 
+#include "core/ProgramRun.h"
 #include "core/Text.h"
 #include "platform/ProcessListing.h"
-
-#include <QCoro/QCoroProcess>
-#include <QProcess>
 
 namespace {
 
 // Standard output of a finished run; absent when the program could not run or ran too long.
 // lsof exits with 1 when some processes could not be examined, so the status is left to the caller.
 QCoro::Task<std::optional<QString>> output(QString program, QStringList arguments, bool requireSuccess) {
-    QProcess process;
-    process.setProgram(program);
-    process.setArguments(arguments);
-    process.setStandardInputFile(QProcess::nullDevice());
-    process.setStandardErrorFile(QProcess::nullDevice());
-    auto running = qCoro(process);
-    if (!co_await running.start(QIODevice::ReadOnly))
+    const std::optional<ProgramOutput> run = co_await runProgram(program, arguments, QString(), std::nullopt, 5'000);
+    if (!run || (requireSuccess && run->exitCode != 0))
         co_return std::nullopt;
-    if (!co_await running.waitForFinished(5'000) || process.exitStatus() != QProcess::NormalExit)
-        co_return std::nullopt;
-    if (requireSuccess && process.exitCode() != 0)
-        co_return std::nullopt;
-    co_return QString::fromUtf8(process.readAllStandardOutput());
+    co_return QString::fromUtf8(run->standardOutput);
 }
 
 } // namespace
