@@ -1,6 +1,6 @@
 #include "FakeHttpServer.h"
 
-#include <QPointer>
+#include <QHash>
 #include <QRegularExpression>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -17,20 +17,12 @@ struct FakeHttpServer::Connection : QObject {
 namespace {
 
 QByteArray reasonPhrase(int status) {
-    switch (status) {
-    case 200:
-        return "OK";
-    case 400:
-        return "Bad Request";
-    case 404:
-        return "Not Found";
-    case 500:
-        return "Internal Server Error";
-    case 503:
-        return "Service Unavailable";
-    default:
-        return "Status";
-    }
+    static const QHash<int, QByteArray> phrases{{200, "OK"},
+                                                {400, "Bad Request"},
+                                                {404, "Not Found"},
+                                                {500, "Internal Server Error"},
+                                                {503, "Service Unavailable"}};
+    return phrases.value(status, "Status");
 }
 
 // The value of `key="value"` (or key=value) inside a header value such as Content-Disposition.
@@ -229,7 +221,6 @@ void FakeHttpServer::process(Connection *connection) {
         pending.remove(0, headEnd + 4 + length);
 
         m_requests.append(request);
-        emit requestReceived(request);
         const Response response = respond(request);
         if (response.delayMs > 0) {
             connection->busy = true;

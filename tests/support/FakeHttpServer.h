@@ -76,9 +76,6 @@ public:
     // A loopback port with nothing listening on it (connections are refused).
     static quint16 closedPort();
 
-signals:
-    void requestReceived(const FakeHttpServer::Request &request);
-
 protected:
     // The answer to one well-formed request.
     virtual Response respond(const Request &request) = 0;
