@@ -7,14 +7,12 @@
 #include <QString>
 #include <QUrl>
 #include <exception>
-#include <memory>
-#include <optional>
 #include <string>
 
-class QNetworkAccessManager;
-
 // HTTP to the local model and speech servers: no proxy (what we send must not leave the machine),
-// no redirects, a transfer time-out on every request and every reply owned and deleted.
+// no redirects, a transfer time-out on every request, one connection per request. Plain http only.
+// Each request goes out in a single write on a socket without Nagle's delay, so a POST's body is not
+// held back waiting for the server to acknowledge its headers.
 class LoopbackHttp {
 public:
     // The exchange failed below HTTP (refused, reset, timed out); callers pass it on unchanged.
@@ -55,8 +53,9 @@ public:
     LoopbackHttp(const LoopbackHttp &) = delete;
     LoopbackHttp &operator=(const LoopbackHttp &) = delete;
 
-    // Both throw TransportError when no HTTP answer arrives within `timeoutMs`. The request keeps
-    // what it needs alive on its own, so the caller may be destroyed while it is in flight.
+    // Both throw TransportError when no complete HTTP answer arrives, or when nothing moves for
+    // `timeoutMs`. The request keeps what it needs alive on its own, so the caller may be destroyed
+    // while it is in flight.
     QCoro::Task<Reply> get(const QUrl &url, int timeoutMs);
     QCoro::Task<Reply> post(const QUrl &url, const QByteArray &contentType, const QByteArray &body, int timeoutMs);
 
@@ -64,9 +63,4 @@ public:
     static QUrl appendPath(const QUrl &base, const QString &relativePath);
     // Throws ParseError when `body` is not JSON.
     static QJsonDocument parseJson(const QByteArray &body);
-
-private:
-    std::shared_ptr<QNetworkAccessManager> network();
-
-    std::shared_ptr<QNetworkAccessManager> m_network;
 };

@@ -1,0 +1,226 @@
+#include "FakeHttpServer.h"
+#include "core/Async.h"
+#include "core/LoopbackHttp.h"
+
+#include <QElapsedTimer>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+#include <QTimer>
+#include <memory>
+
+namespace {
+
+// What the server does with one connection once it has read the whole request.
+struct Script {
+    // Written one after another, `gapMs` apart, each flushed on its own.
+    QList<QByteArray> pieces;
+    int gapMs = 0;
+    // Close after the last piece; otherwise the connection stays open, as keep-alive servers leave it.
+    bool close = false;
+
+    static Script answer(const QByteArray &bytes) { return Script{{bytes}, 0, false}; }
+    static Script drop() { return Script{{}, 0, true}; }
+    static Script silence() { return Script{{}, 0, false}; }
+};
+
+// A raw HTTP server on 127.0.0.1 that plays one script per connection (the last one repeats) and
+// records each request as received, read by read.
+class ScriptedServer : public QObject {
+public:
+    explicit ScriptedServer(QList<Script> scripts) : m_scripts(std::move(scripts)) {
+        connect(&m_server, &QTcpServer::newConnection, this, &ScriptedServer::accept);
+        if (!m_server.listen(QHostAddress::LocalHost, 0))
+            qFatal("cannot listen on 127.0.0.1");
+    }
+
+    QUrl url(const QString &path = QStringLiteral("/")) const {
+        return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_server.serverPort()).arg(path));
+    }
+    quint16 port() const { return m_server.serverPort(); }
+
+    // Per connection that sent a whole request: the reads it arrived in.
+    QList<QList<QByteArray>> requests;
+
+private:
+    void accept() {
+        while (QTcpSocket *socket = m_server.nextPendingConnection()) {
+            connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+            auto reads = std::make_shared<QList<QByteArray>>();
+            connect(socket, &QTcpSocket::readyRead, socket, [this, socket, reads] {
+                reads->append(socket->readAll());
+                if (isWhole(reads->join())) {
+                    requests.append(*reads);
+                    reads->clear();
+                    const Script script = m_scripts.at(std::min<qsizetype>(requests.size(), m_scripts.size()) - 1);
+                    play(socket, script, 0);
+                }
+            });
+        }
+    }
+
+    static bool isWhole(const QByteArray &received) {
+        const qsizetype headEnd = received.indexOf("\r\n\r\n");
+        if (headEnd < 0)
+            return false;
+        qsizetype length = 0;
+        for (const QByteArray &line : received.left(headEnd).split('\n')) {
+            if (line.toLower().startsWith("content-length:"))
+                length = line.mid(15).trimmed().toLongLong();
+        }
+        return received.size() >= headEnd + 4 + length;
+    }
+
+    void play(QTcpSocket *socket, const Script &script, qsizetype next) {
+        if (next == script.pieces.size()) {
+            if (script.close)
+                socket->abort();
+            return;
+        }
+        socket->write(script.pieces[next]);
+        socket->flush();
+        QTimer::singleShot(script.gapMs, socket, [this, socket, script, next] { play(socket, script, next + 1); });
+    }
+
+    QTcpServer m_server;
+    QList<Script> m_scripts;
+};
+
+struct Failure {
+    QNetworkReply::NetworkError code = QNetworkReply::NoError;
+    QString text;
+};
+
+Failure failureOf(QCoro::Task<LoopbackHttp::Reply> request) {
+    try {
+        syncWait(std::move(request));
+    } catch (const LoopbackHttp::TransportError &error) {
+        return Failure{error.code(), error.text()};
+    }
+    return {};
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(QList<Script>)
+
+class TestLoopbackHttp : public QObject {
+    Q_OBJECT
+
+private slots:
+    void readsEveryKindOfReply_data() {
+        QTest::addColumn<QList<Script>>("scripts");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<int>("requests");
+        QTest::newRow("content length, connection left open")
+            << QList{Script::answer("HTTP/1.1 200 OK\r\nContent-Length: 5\r\nKeep-Alive: timeout=5\r\n\r\nhello")}
+            << 200 << QByteArray("hello") << 1;
+        QTest::newRow("chunked, split inside chunks, with extension and trailer")
+            << QList{Script{{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5;name=x\r\nhel", "lo\r\nA\r",
+                             "\n, 3456789!\r\n0\r\nX-Trailer: 1\r\n\r\n"},
+                            20,
+                            false}}
+            << 200 << QByteArray("hello, 3456789!") << 1;
+        QTest::newRow("body until close")
+            << QList{Script{{"HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\n\r\nfirst ", "second"}, 20, true}} << 200
+            << QByteArray("first second") << 1;
+        QTest::newRow("head split across reads, header names in any case")
+            << QList{Script{{"HTT", "P/1.1 404 Not Found\r\nconTENT-length:", " 3\r\n", "\r\nnop"}, 20, false}} << 404
+            << QByteArray("nop") << 1;
+        QTest::newRow("redirect is only a status")
+            << QList{Script::answer("HTTP/1.1 302 Found\r\nLocation: /elsewhere\r\nContent-Length: 4\r\n\r\nmove")}
+            << 302 << QByteArray("move") << 1;
+        QTest::newRow("interim answer skipped")
+            << QList{Script::answer("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok")}
+            << 200 << QByteArray("ok") << 1;
+        QTest::newRow("no content has no body")
+            << QList{Script::answer("HTTP/1.1 204 No Content\r\n\r\n")} << 204 << QByteArray() << 1;
+        QTest::newRow("dropped before any answer, tried once more")
+            << QList{Script::drop(), Script::answer("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nagain")} << 200
+            << QByteArray("again") << 2;
+    }
+    void readsEveryKindOfReply() {
+        QFETCH(QList<Script>, scripts);
+        QFETCH(int, status);
+        QFETCH(QByteArray, body);
+        QFETCH(int, requests);
+        ScriptedServer server(scripts);
+        // The client goes away while its request is in flight.
+        auto http = std::make_unique<LoopbackHttp>();
+        auto request = http->get(server.url(), 2000);
+        http.reset();
+        const LoopbackHttp::Reply reply = syncWait(std::move(request));
+        QCOMPARE(reply.status, status);
+        QCOMPARE(reply.body, body);
+        QCOMPARE(server.requests.size(), requests);
+    }
+
+    void sendsTheRequestInOneWrite() {
+        ScriptedServer server({Script::answer("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n")});
+        // Larger than the 16 KB pieces Qt's own client writes a body in.
+        const QByteArray body(32 * 1024, 'w');
+        LoopbackHttp http;
+        syncWait(http.post(server.url(QStringLiteral("/a/b?x=1")), "audio/wav", body, 2000));
+        QCOMPARE(server.requests.size(), 1);
+        // Headers and body in a single read: nothing held the body back behind the headers.
+        QCOMPARE(server.requests.first().size(), 1);
+        const QByteArray expected =
+            "POST /a/b?x=1 HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(server.port()) +
+            "\r\nContent-Type: audio/wav\r\nContent-Length: 32768\r\nConnection: close\r\n\r\n" + body;
+        QCOMPARE(server.requests.first().first(), expected);
+    }
+
+    void reportsTransportFailures_data() {
+        QTest::addColumn<QList<Script>>("scripts");
+        QTest::addColumn<QString>("scheme");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<int>("requests");
+        const int closed = QNetworkReply::RemoteHostClosedError;
+        QTest::newRow("silent server times out")
+            << QList{Script::silence()} << "http" << int(QNetworkReply::OperationCanceledError) << 1;
+        QTest::newRow("closed mid body, not retried")
+            << QList{Script{{"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc"}, 0, true}} << "http" << closed << 1;
+        QTest::newRow("closed mid head, not retried")
+            << QList{Script{{"HTTP/1.1 200 OK\r\nContent-"}, 0, true}} << "http" << closed << 1;
+        QTest::newRow("dropped twice") << QList{Script::drop()} << "http" << closed << 2;
+        QTest::newRow("malformed chunk") << QList{Script::answer(
+                                                "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n")}
+                                         << "http" << int(QNetworkReply::ProtocolFailure) << 1;
+        QTest::newRow("not HTTP") << QList{Script::answer("SSH-2.0-OpenSSH\r\n\r\n")} << "http"
+                                  << int(QNetworkReply::ProtocolFailure) << 1;
+        QTest::newRow("https") << QList{Script::silence()} << "https" << int(QNetworkReply::ProtocolUnknownError) << 0;
+    }
+    void reportsTransportFailures() {
+        QFETCH(QList<Script>, scripts);
+        QFETCH(QString, scheme);
+        QFETCH(int, code);
+        QFETCH(int, requests);
+        ScriptedServer server(scripts);
+        QUrl url = server.url();
+        url.setScheme(scheme);
+        LoopbackHttp http;
+        QElapsedTimer clock;
+        clock.start();
+        const Failure failure = failureOf(http.post(url, "text/plain", "hi", 100));
+        QCOMPARE(int(failure.code), code);
+        QVERIFY(!failure.text.isEmpty());
+        QCOMPARE(server.requests.size(), requests);
+        if (failure.code == QNetworkReply::OperationCanceledError)
+            QVERIFY2(clock.elapsed() >= 90 && clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+    }
+
+    void refusedConnectionFailsAtOnce() {
+        LoopbackHttp http;
+        QElapsedTimer clock;
+        clock.start();
+        const QUrl url(QStringLiteral("http://127.0.0.1:%1/").arg(FakeHttpServer::closedPort()));
+        const Failure failure = failureOf(http.get(url, 5000));
+        QCOMPARE(failure.code, QNetworkReply::ConnectionRefusedError);
+        QCOMPARE(failure.text, QStringLiteral("Connection refused"));
+        QVERIFY(clock.elapsed() < 2000);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestLoopbackHttp)
+#include "tst_loopback_http.moc"
