@@ -2,6 +2,7 @@
 
 #include "core/Async.h"
 #include "core/Log.h"
+#include "core/OffThread.h"
 #include "core/Paths.h"
 #include "core/QuorvaneError.h"
 #include "core/Text.h"
@@ -12,8 +13,8 @@
 #include "formatting/RewriteGuard.h"
 #include "formatting/TranscriptGuard.h"
 #include "pipeline/EngineChoice.h"
+#include "pipeline/ErrorText.h"
 #include "repository/AgentExecutableLocator.h"
-#include "core/OffThread.h"
 #include "speech/RecognitionContextBuilder.h"
 
 #include <QDateTime>
@@ -131,19 +132,8 @@ void Pipeline::keepOnClipboard(const QString &text) const {
     try {
         m_platform.injector->copyToClipboard(text);
     } catch (...) {
-        Log::warn(QStringLiteral("Could not copy the text to the clipboard: ") + describe(std::current_exception()));
-    }
-}
-
-QString Pipeline::describe(std::exception_ptr error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const QuorvaneError &e) {
-        return e.message();
-    } catch (const std::exception &e) {
-        return QString::fromUtf8(e.what());
-    } catch (...) {
-        return QStringLiteral("unknown error");
+        Log::warn(QStringLiteral("Could not copy the text to the clipboard: ") +
+                  describeError(std::current_exception()));
     }
 }
 
@@ -166,7 +156,7 @@ QCoro::Task<void> Pipeline::prepare() {
         Log::error(QStringLiteral("ASR preparation timed out after 30s. It will retry on first dictation."));
         setState(PipelineState::error(QStringLiteral("Speech model preparation timed out.")));
     } else if (outcome.error) {
-        const QString description = describe(outcome.error);
+        const QString description = describeError(outcome.error);
         Log::error(QStringLiteral("ASR unavailable: ") + description);
         setState(PipelineState::error(description));
     } else if (m_state.kind == PipelineState::Kind::error && !m_isStarting) {
@@ -227,7 +217,7 @@ QCoro::Task<Pipeline::RepositoryLookup> Pipeline::lookUpRepository(std::shared_p
     try {
         lookup.context = co_await provider->refreshContext(bundleID, pinnedPath);
     } catch (...) {
-        lookup.error = describe(std::current_exception());
+        lookup.error = describeError(std::current_exception());
     }
     if (lookup.context)
         Log::info(QStringLiteral("Repository context ready") + kBullet + repositorySummary(*lookup.context));
@@ -311,7 +301,7 @@ void Pipeline::begin(PipelineMode mode) {
         try {
             m_pendingSelection = m_platform.selectionEditor->captureSelection();
         } catch (...) {
-            Log::warn(QStringLiteral("Could not capture the selection: ") + describe(std::current_exception()));
+            Log::warn(QStringLiteral("Could not capture the selection: ") + describeError(std::current_exception()));
         }
     } else if (mode == PipelineMode::developerPrompt) {
         startRepositoryLookup();
@@ -351,7 +341,7 @@ QCoro::Task<void> Pipeline::startRecording(RunTicket ticket, QStringList hints) 
         co_return;
     }
     if (failure) {
-        const QString description = describe(failure);
+        const QString description = describeError(failure);
         m_pendingFinish = false;
         clearPending();
         Log::error(QStringLiteral("Could not start recording: ") + description);
@@ -499,7 +489,7 @@ QCoro::Task<void> Pipeline::runGuarded(RunTicket ticket, Timings timings) {
         end = co_await runInference(ticket, timings);
     } catch (...) {
         // Whatever went wrong, the run must not leave the pipeline thinking.
-        const QString description = describe(std::current_exception());
+        const QString description = describeError(std::current_exception());
         Log::error(QStringLiteral("Processing failed: ") + description);
         end.emplace(PipelineState::error(description));
     }
@@ -525,7 +515,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runInference(RunTicket ticket, Timings t
         co_return std::nullopt;
     timings.asrMS = m_scheduler.nowMs() - started;
     if (failure) {
-        const QString description = describe(failure);
+        const QString description = describeError(failure);
         Log::error(QStringLiteral("Transcription failed: ") + description);
         notify(QStringLiteral("Transcription failed"), description);
         co_return RunOutcome(PipelineState::error(description));
@@ -613,7 +603,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDictation(RunTicket ticket, QString r
             Log::warn(QStringLiteral("Formatter exceeded its %1 ms budget.").arg(budget));
             decision = TranscriptGuard::fallback(raw, Verdict::formatterFailed);
         } else if (outcome.error) {
-            Log::warn(QStringLiteral("Formatter failed: ") + describe(outcome.error));
+            Log::warn(QStringLiteral("Formatter failed: ") + describeError(outcome.error));
             decision = TranscriptGuard::fallback(raw, Verdict::formatterFailed);
         } else {
             formatted = *outcome.value;
@@ -634,7 +624,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDictation(RunTicket ticket, QString r
         failure = std::current_exception();
     }
     if (failure) {
-        const QString description = describe(failure);
+        const QString description = describeError(failure);
         Log::error(QStringLiteral("Injection failed: ") + description);
         keepOnClipboard(shipped);
         notify(QStringLiteral("Couldn't type that"),
@@ -690,7 +680,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runEditCommand(RunTicket ticket, QString
         co_return RunOutcome(PipelineState::idle());
     }
     if (outcome.error) {
-        Log::warn(QStringLiteral("Selected-text rewrite failed: ") + describe(outcome.error));
+        Log::warn(QStringLiteral("Selected-text rewrite failed: ") + describeError(outcome.error));
         notify(QStringLiteral("Rewrite failed"), QStringLiteral("The original text was left unchanged."));
         co_return RunOutcome(PipelineState::idle());
     }
@@ -714,7 +704,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runEditCommand(RunTicket ticket, QString
         failure = std::current_exception();
     }
     if (failure) {
-        const QString description = describe(failure);
+        const QString description = describeError(failure);
         Log::warn(QStringLiteral("Selected text was not replaced: ") + description);
         notify(QStringLiteral("Nothing was replaced"), description);
         co_return RunOutcome(PipelineState::error(description));
@@ -767,7 +757,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDeveloperPrompt(RunTicket ticket, QSt
         decision = DeveloperPromptGuard::fallback(raw, Verdict::formatterFailed);
         notify(simplified, QStringLiteral("The local model timed out, so Quorvane kept your request verbatim."));
     } else if (outcome.error) {
-        Log::warn(QStringLiteral("Prompt compilation failed: ") + describe(outcome.error));
+        Log::warn(QStringLiteral("Prompt compilation failed: ") + describeError(outcome.error));
         decision = DeveloperPromptGuard::fallback(raw, Verdict::formatterFailed);
         notify(simplified, QStringLiteral("The local model failed, so Quorvane kept your request verbatim."));
     } else {
@@ -823,7 +813,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDeveloperPrompt(RunTicket ticket, QSt
         }
     }
     if (failure) {
-        QString description = describe(failure);
+        QString description = describeError(failure);
         try {
             std::rethrow_exception(failure);
         } catch (const QuorvaneError &error) {

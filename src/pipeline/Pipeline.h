@@ -136,8 +136,6 @@ private:
                             const QString &verdict, const Timings &timings) const;
     qint64 sinceRelease() const;
 
-    static QString describe(std::exception_ptr error);
-
     PipelineState m_state;
     Config m_config;
     PipelineMode m_activeMode = PipelineMode::dictation;
