@@ -1,8 +1,8 @@
 #include "repository/RepositoryContextProvider.h"
 
 #include "core/Log.h"
-#include "core/QuorvaneError.h"
 #include "core/OffThread.h"
+#include "core/QuorvaneError.h"
 #include "repository/RepositoryCandidateSelector.h"
 
 #include <QSet>
