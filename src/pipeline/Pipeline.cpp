@@ -517,6 +517,8 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runInference(RunTicket ticket, Timings t
     if (failure) {
         const QString description = describeError(failure);
         Log::error(QStringLiteral("Transcription failed: ") + description);
+        // The icon shows the error by the time its notice appears.
+        setState(PipelineState::error(description));
         notify(QStringLiteral("Transcription failed"), description);
         co_return RunOutcome(PipelineState::error(description));
     }
@@ -632,6 +634,8 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDictation(RunTicket ticket, QString r
         co_return RunOutcome(PipelineState::error(description));
     }
     timings.injectMS = m_scheduler.nowMs() - injectStarted;
+    // The text is in: the icon need not wait for the audio file and the history entry.
+    setState(PipelineState::idle());
 
     m_latency.record(sinceRelease());
     if (m_config.learnVocabulary)
@@ -791,7 +795,6 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDeveloperPrompt(RunTicket ticket, QSt
         notify(QStringLiteral("Review prompt before sending"),
                QStringLiteral("Quorvane used a lossless fallback, so it did not send the prompt automatically. "
                               "Review it on your clipboard."));
-        co_return RunOutcome(PipelineState::idle());
     } else {
         keepOnClipboard(prompt);
         const auto launcher = m_platform.agentHandoff;

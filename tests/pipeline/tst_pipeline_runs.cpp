@@ -173,7 +173,13 @@ private slots:
         QVERIFY(h.notifier->notices.isEmpty() && h.injector->injected.isEmpty());
 
         h.whisper.enqueueInference(FakeHttpServer::Response::plainText(500, "boom"));
+        qsizetype noticesAtError = -1;
+        h.pipeline->onStateChange = [&](const PipelineState &state) {
+            if (state.kind == Kind::error)
+                noticesAtError = h.notifier->notices.size();
+        };
         QVERIFY(h.holdAndSettle(h.dictationKey));
+        QCOMPARE(noticesAtError, 0);
         QCOMPARE(h.kind(), Kind::error);
         QCOMPARE(h.notifier->notices,
                  (QList<Notice>{{QStringLiteral("Transcription failed"), h.pipeline->state().message}}));
@@ -337,6 +343,9 @@ private slots:
             QCOMPARE(h.agent->handoffs.first().prompt, prompt);
             QVERIFY(h.modelPrompt().contains(QStringLiteral("webshop")));
         }
+        // Every delivered prompt, a withheld one included, is remembered.
+        QCOMPARE(h.pipeline->store().recentTranscripts(5).size(), end == Kind::idle ? 1 : 0);
+        QCOMPARE(h.loggedStartingWith(QStringLiteral("INFO Prompt Mode complete")), end == Kind::idle);
         if (agentFails) {
             QVERIFY(h.logged(QStringLiteral("ERROR Prompt delivery failed: ") + failure));
             QCOMPARE(h.notifier->notices.first().body, failure + QStringLiteral(". The prompt is on your clipboard."));
