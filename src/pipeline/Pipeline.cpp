@@ -629,8 +629,8 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDictation(RunTicket ticket, QString r
         const QString description = describeError(failure);
         Log::error(QStringLiteral("Injection failed: ") + description);
         keepOnClipboard(shipped);
-        notify(QStringLiteral("Couldn't type that"),
-               QStringLiteral("The text is on your clipboard \u2014 press \u2318V to paste it."));
+        notify(QStringLiteral("Couldn't type that"), QStringLiteral("The text is on your clipboard \u2014 press ") +
+                                                         m_platform.pasteShortcut + QStringLiteral(" to paste it."));
         co_return RunOutcome(PipelineState::error(description));
     }
     timings.injectMS = m_scheduler.nowMs() - injectStarted;

@@ -36,6 +36,8 @@ struct PlatformKit {
     // is none.
     NativeAsrFactory nativeAsrEngine;
     NativeFormatterFactory nativeFormatter;
+    // How the user pastes by hand on this desktop, for notices that leave text on the clipboard.
+    QString pasteShortcut = QStringLiteral("\u2318V");
 
     // Every service its fallback: the starting point of each platform's kit.
     static PlatformKit fallbacks();

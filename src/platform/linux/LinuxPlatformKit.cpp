@@ -6,6 +6,7 @@
 
 PlatformKit makePlatformKit() {
     PlatformKit kit = PlatformKit::fallbacks();
+    kit.pasteShortcut = QStringLiteral("Ctrl+V");
     // Held weakly: the kit, not the repository provider, owns the frontmost-app service.
     std::weak_ptr<FrontmostAppProvider> frontmost = kit.frontmostApp;
     kit.repositoryContext = std::make_shared<RepositoryContextProvider>(
