@@ -49,6 +49,27 @@ constexpr double left = 56;
 constexpr double right = 16;
 constexpr double top = 16;
 
+// The opening of a chart and its horizontal grid: one labelled line per `step` from 0 to `yMax`.
+template <typename Y, typename Label>
+QString chartWithGrid(const QString &ariaLabel, double yMax, double step, Y y, Label label) {
+    QString svg = QStringLiteral("<svg class=\"chart\" viewBox=\"0 0 %1 %2\" role=\"img\" aria-label=\"%3\" "
+                                 "xmlns=\"http://www.w3.org/2000/svg\">")
+                      .arg(chartWidth)
+                      .arg(chartHeight)
+                      .arg(ariaLabel);
+    for (double tick = 0; tick <= yMax + 1e-9; tick += step) {
+        svg += QStringLiteral("<line class=\"grid\" x1=\"%1\" x2=\"%2\" y1=\"%3\" y2=\"%3\"/>"
+                              "<text class=\"axis\" x=\"%4\" y=\"%5\" text-anchor=\"end\">%6</text>")
+                   .arg(left)
+                   .arg(chartWidth - right)
+                   .arg(num(y(tick)))
+                   .arg(left - 6)
+                   .arg(num(y(tick) + 4))
+                   .arg(label(tick));
+    }
+    return svg;
+}
+
 QString werChart(const QList<ClipResult> &results, double overall) {
     const bool labels = results.size() <= 30;
     const double bottom = labels ? 84 : 36;
@@ -63,20 +84,8 @@ QString werChart(const QList<ClipResult> &results, double overall) {
     const double yMax = std::ceil(highest / step - 1e-9) * step;
     const auto y = [&](double rate) { return top + plotHeight * (1 - rate / yMax); };
 
-    QString svg = QStringLiteral("<svg class=\"chart\" viewBox=\"0 0 %1 %2\" role=\"img\" aria-label=\"Word error rate "
-                                 "per clip\" xmlns=\"http://www.w3.org/2000/svg\">")
-                      .arg(chartWidth)
-                      .arg(chartHeight);
-    for (double tick = 0; tick <= yMax + 1e-9; tick += step) {
-        svg += QStringLiteral("<line class=\"grid\" x1=\"%1\" x2=\"%2\" y1=\"%3\" y2=\"%3\"/>"
-                              "<text class=\"axis\" x=\"%4\" y=\"%5\" text-anchor=\"end\">%6%</text>")
-                   .arg(left)
-                   .arg(chartWidth - right)
-                   .arg(num(y(tick)))
-                   .arg(left - 6)
-                   .arg(num(y(tick) + 4))
-                   .arg(num(tick * 100, 0));
-    }
+    QString svg = chartWithGrid(QStringLiteral("Word error rate per clip"), yMax, step, y,
+                                [](double tick) { return num(tick * 100, 0) + QLatin1Char('%'); });
     const double slot = plotWidth / double(std::max<qsizetype>(1, results.size()));
     const double barWidth = std::max(1.0, slot * 0.8);
     for (qsizetype i = 0; i < results.size(); ++i) {
@@ -146,20 +155,8 @@ QString latencyChart(const QList<ClipResult> &results, const BenchmarkSummary &s
     const auto x = [&](double value) { return left + plotWidth * value / xMax; };
     const auto y = [&](double count) { return top + plotHeight * (1 - count / yMax); };
 
-    QString svg = QStringLiteral("<svg class=\"chart\" viewBox=\"0 0 %1 %2\" role=\"img\" aria-label=\"Latency "
-                                 "distribution\" xmlns=\"http://www.w3.org/2000/svg\">")
-                      .arg(chartWidth)
-                      .arg(chartHeight);
-    for (double tick = 0; tick <= yMax + 1e-9; tick += yStep) {
-        svg += QStringLiteral("<line class=\"grid\" x1=\"%1\" x2=\"%2\" y1=\"%3\" y2=\"%3\"/>"
-                              "<text class=\"axis\" x=\"%4\" y=\"%5\" text-anchor=\"end\">%6</text>")
-                   .arg(left)
-                   .arg(chartWidth - right)
-                   .arg(num(y(tick)))
-                   .arg(left - 6)
-                   .arg(num(y(tick) + 4))
-                   .arg(tick);
-    }
+    QString svg = chartWithGrid(QStringLiteral("Latency distribution"), yMax, yStep, y,
+                                [](double tick) { return QString::number(tick); });
     for (double tick = 0; tick <= xMax + 1e-9; tick += xStep) {
         svg += QStringLiteral("<text class=\"axis\" x=\"%1\" y=\"%2\" text-anchor=\"middle\">%3</text>")
                    .arg(num(x(tick)), num(y(0) + 16), QString::number(tick));
