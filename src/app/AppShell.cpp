@@ -48,7 +48,7 @@ AppShell::~AppShell() {
 }
 
 void AppShell::startPipeline() {
-    PlatformKit kit = makePlatformKit();
+    PlatformKit kit = makePlatformKit(m_config);
     const PlatformKit::HotkeyFactory makeHotkey = kit.hotkey;
     m_pipeline = std::make_unique<Pipeline>(m_config, std::move(kit));
     m_pipeline->onStateChange = [this](const PipelineState &state) {

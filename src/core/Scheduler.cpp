@@ -18,6 +18,17 @@ public:
         });
         return handle;
     }
+    using Scheduler::scheduleOn;
+    Handle scheduleOn(std::weak_ptr<SerialQueue::Worker> queue, qint64 delayMs,
+                      std::function<void()> action) override {
+        auto handle = std::make_shared<std::atomic<bool>>(false);
+        if (auto worker = queue.lock())
+            worker->asyncAfter(delayMs, [handle, action = std::move(action)] {
+                if (!handle->load())
+                    action();
+            });
+        return handle;
+    }
 
 private:
     QElapsedTimer m_clock;
@@ -28,6 +39,38 @@ private:
 Scheduler &Scheduler::system() {
     static SystemScheduler instance;
     return instance;
+}
+
+namespace {
+
+// Each firing schedules the next with a copy of itself; cancelling the shared handle ends the chain.
+struct Repetition {
+    Scheduler *scheduler;
+    std::weak_ptr<SerialQueue::Worker> queue;
+    Scheduler::Handle handle;
+    qint64 intervalMs;
+    std::shared_ptr<std::function<void()>> action;
+
+    void operator()() const {
+        if (handle->load())
+            return;
+        (*action)();
+        if (handle->load())
+            return;
+        // The shared handle, not the one returned here, cancels the chain.
+        scheduler->scheduleOn(queue, intervalMs, *this);
+    }
+};
+
+} // namespace
+
+Scheduler::Handle Scheduler::repeatOn(SerialQueue &queue, qint64 firstMs, qint64 intervalMs,
+                                      std::function<void()> action) {
+    auto handle = std::make_shared<std::atomic<bool>>(false);
+    Repetition repetition{this, queue.worker(), handle, intervalMs,
+                          std::make_shared<std::function<void()>>(std::move(action))};
+    scheduleOn(queue, firstMs, repetition);
+    return handle;
 }
 
 QCoro::Task<void> Scheduler::sleep(qint64 delayMs) {
@@ -49,12 +92,20 @@ qint64 ManualScheduler::nowMs() const {
     return m_now;
 }
 
-Scheduler::Handle ManualScheduler::schedule(qint64 delayMs, std::function<void()> action) {
-    auto handle = std::make_shared<std::atomic<bool>>(false);
+Scheduler::Handle ManualScheduler::add(qint64 delayMs, Entry entry) {
+    Handle handle = entry.handle;
     std::lock_guard lock(m_mutex);
-    m_entries.emplace(std::make_pair(m_now + std::max<qint64>(delayMs, 0), m_sequence++),
-                      Entry{handle, std::move(action)});
+    m_entries.emplace(std::make_pair(m_now + std::max<qint64>(delayMs, 0), m_sequence++), std::move(entry));
     return handle;
+}
+
+Scheduler::Handle ManualScheduler::schedule(qint64 delayMs, std::function<void()> action) {
+    return add(delayMs, Entry{std::make_shared<std::atomic<bool>>(false), std::move(action), {}, false});
+}
+
+Scheduler::Handle ManualScheduler::scheduleOn(std::weak_ptr<SerialQueue::Worker> queue, qint64 delayMs,
+                                              std::function<void()> action) {
+    return add(delayMs, Entry{std::make_shared<std::atomic<bool>>(false), std::move(action), std::move(queue), true});
 }
 
 void ManualScheduler::advance(qint64 ms) {
@@ -76,8 +127,16 @@ void ManualScheduler::advance(qint64 ms) {
             entry = std::move(first->second);
             m_entries.erase(first);
         }
-        if (!entry.handle->load())
+        if (entry.handle->load())
+            continue;
+        if (!entry.onQueue) {
             entry.action();
+        } else if (auto queue = entry.queue.lock()) {
+            queue->sync([&] {
+                if (!entry.handle->load())
+                    entry.action();
+            });
+        }
     }
 }
 

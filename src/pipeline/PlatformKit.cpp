@@ -1,11 +1,27 @@
 #include "pipeline/PlatformKit.h"
 
+#include "platform/ProcessAudioCapture.h"
+
 PlatformKit PlatformKit::fallbacks() {
     PlatformKit kit;
     kit.hotkey = [](PushToTalkKey) { return std::make_unique<UnsupportedHotkey>(); };
+    kit.makeCapture = captureFactory(nullptr);
     kit.capture = std::make_shared<UnsupportedCapture>();
     kit.injector = std::make_shared<UnsupportedTextInjector>();
     kit.frontmostApp = std::make_shared<UnknownFrontmostApp>();
     kit.notifier = std::make_shared<ConsoleNotifier>();
+    kit.keyDisplayName = [](PushToTalkKey key) { return displayName(key); };
     return kit;
+}
+
+std::function<std::shared_ptr<AudioCapturing>(const Config &)>
+PlatformKit::captureFactory(std::shared_ptr<AudioCapturing> microphone) {
+    // The microphone is made once and kept warm; recorders are cheap and follow the setting.
+    return [microphone](const Config &config) -> std::shared_ptr<AudioCapturing> {
+        if (config.captureCommand && !config.captureCommand->isEmpty())
+            return std::make_shared<ProcessAudioCapture>(*config.captureCommand);
+        if (microphone)
+            return microphone;
+        return std::make_shared<UnsupportedCapture>();
+    };
 }

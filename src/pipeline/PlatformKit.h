@@ -38,7 +38,15 @@ struct PlatformKit {
     NativeFormatterFactory nativeFormatter;
     // How the user pastes by hand on this desktop, for notices that leave text on the clipboard.
     QString pasteShortcut = QStringLiteral("\u2318V");
+    // Builds the capture the settings ask for: the user's recorder when captureCommand is set,
+    // else the desktop's microphone. Called again when a reload changes captureCommand.
+    std::function<std::shared_ptr<AudioCapturing>(const Config &)> makeCapture;
+    // How each mode key is named on this desktop.
+    std::function<QString(PushToTalkKey)> keyDisplayName;
 
     // Every service its fallback: the starting point of each platform's kit.
     static PlatformKit fallbacks();
+    // makeCapture for a desktop whose own microphone is `microphone` (null where there is none).
+    static std::function<std::shared_ptr<AudioCapturing>(const Config &)>
+    captureFactory(std::shared_ptr<AudioCapturing> microphone);
 };

@@ -25,6 +25,11 @@ public:
     virtual void stop() = 0;
     // Writes the utterance's samples as WAV when retaining was on; otherwise writes nothing.
     virtual void writeRetainedAudio(const QString &path) = 0;
+    // Opens the microphone without recording, so the next utterance starts at once and with its
+    // pre-roll. Captures without a warm state ignore it.
+    virtual void warmUp(double sampleRate) { (void)sampleRate; }
+    // Level of the latest audio, 0 to 1, for the recording meter.
+    virtual float currentLevel() const { return 0; }
 };
 
 // Where no microphone service exists: starting always fails with "no audio input".

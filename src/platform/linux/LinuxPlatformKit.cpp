@@ -4,10 +4,13 @@
 #include "platform/linux/ProcProcessTreeSource.h"
 #include "repository/RepositoryContextProvider.h"
 
-PlatformKit makePlatformKit() {
+PlatformKit makePlatformKit(const Config &config) {
     PlatformKit kit = PlatformKit::fallbacks();
     kit.pasteShortcut = QStringLiteral("Ctrl+V");
-    // Held weakly: the kit, not the repository provider, owns the frontmost-app service.
+    kit.capture = kit.makeCapture(config);
+
+    // Wired last, against the frontmost-app service the kit ends up with; held weakly because the
+    // kit, not the repository provider, owns it.
     std::weak_ptr<FrontmostAppProvider> frontmost = kit.frontmostApp;
     kit.repositoryContext = std::make_shared<RepositoryContextProvider>(
         std::make_shared<ProcProcessTreeSource>(), std::make_shared<UnsupportedFocusedDocumentSource>(),

@@ -6,8 +6,11 @@
 #include "platform/mac/MacProcessTreeSource.h"
 #include "repository/RepositoryContextProvider.h"
 
-PlatformKit makePlatformKit() {
+PlatformKit makePlatformKit(const Config &config) {
     PlatformKit kit = PlatformKit::fallbacks();
+    kit.capture = kit.makeCapture(config);
+
+    // Wired last, against the frontmost-app service the kit ends up with.
     std::weak_ptr<FrontmostAppProvider> frontmost = kit.frontmostApp;
     kit.repositoryContext = std::make_shared<RepositoryContextProvider>(
         std::make_shared<MacProcessTreeSource>(), std::make_shared<MacFocusedDocumentSource>(),
