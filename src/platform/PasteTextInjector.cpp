@@ -1,0 +1,101 @@
+#include "platform/PasteTextInjector.h"
+
+#include "core/Text.h"
+
+#include <algorithm>
+
+namespace {
+
+const QString secureRoles[] = {
+    QStringLiteral("AXSecureTextField"),
+    // AT-SPI's name for a password field.
+    QStringLiteral("password text"),
+};
+
+} // namespace
+
+PasteTextInjector::PasteTextInjector(std::shared_ptr<DesktopTextBackend> backend, Scheduler &scheduler)
+    : m_backend(std::move(backend)), m_scheduler(scheduler) {}
+
+bool PasteTextInjector::isSecure(const QStringList &roles) {
+    for (const QString &role : roles)
+        if (std::find(std::begin(secureRoles), std::end(secureRoles), role) != std::end(secureRoles))
+            return true;
+    return false;
+}
+
+void PasteTextInjector::inject(const QString &text) {
+    if (text.isEmpty())
+        return;
+    if (!m_backend->isTrusted())
+        throw QuorvaneError(QuorvaneError::Case::accessibilityDenied);
+    // An application that exposes no focused element still gets the text.
+    if (const std::unique_ptr<FocusedElement> element = m_backend->focusedElement();
+        element && isSecure(element->roles()))
+        throw QuorvaneError(QuorvaneError::Case::secureTextSelected);
+
+    // While our previous text is still unrestored on the clipboard, the user's own clipboard is the
+    // one held by that restore, not what is on the clipboard now.
+    const bool ownTextOnClipboard =
+        m_pending && !m_pending->finished && m_backend->changeCount() == m_pending->changeCount;
+    DesktopTextBackend::ClipboardSnapshot snapshot =
+        ownTextOnClipboard ? m_pending->snapshot : m_backend->readClipboard();
+
+    if (!m_backend->writeText(text))
+        throw QuorvaneError::injectionFailed(QStringLiteral("could not write to the pasteboard"));
+    if (m_pending) {
+        Scheduler::cancel(m_pending->handle);
+        m_pending.reset();
+    }
+    const qint64 written = m_backend->changeCount();
+    if (!m_backend->postPasteChord())
+        throw QuorvaneError::injectionFailed(QStringLiteral("could not synthesise the paste keystroke"));
+
+    auto pending = std::make_shared<PendingRestore>();
+    pending->snapshot = std::move(snapshot);
+    pending->changeCount = written;
+    pending->handle = m_scheduler.schedule(restoreDelayMs, [pending, weakBackend = std::weak_ptr(m_backend)] {
+        pending->finished = true;
+        const DesktopTextBackend::ClipboardSnapshot saved = std::exchange(pending->snapshot, {});
+        const std::shared_ptr<DesktopTextBackend> backend = weakBackend.lock();
+        // Something copied since our write is newer than what we saved, and it wins.
+        if (backend && backend->changeCount() == pending->changeCount)
+            backend->writeClipboard(saved);
+    });
+    m_pending = std::move(pending);
+}
+
+void PasteTextInjector::copyToClipboard(const QString &text) {
+    if (!m_backend->writeText(text))
+        throw QuorvaneError::injectionFailed(QStringLiteral("could not write to the pasteboard"));
+}
+
+SelectedTextSnapshot PasteTextInjector::captureSelection() {
+    if (!m_backend->isTrusted())
+        throw QuorvaneError(QuorvaneError::Case::accessibilityDenied);
+    const std::unique_ptr<FocusedElement> element = m_backend->focusedElement();
+    if (!element)
+        throw QuorvaneError::selectionUnavailable(QStringLiteral("no focused text field"));
+    // Checked before the selected text is read, so a password never enters this process.
+    if (isSecure(element->roles()))
+        throw QuorvaneError(QuorvaneError::Case::secureTextSelected);
+    const std::optional<QString> text = element->selectedText();
+    if (!text || Text::trimmed(*text).isEmpty())
+        throw QuorvaneError(QuorvaneError::Case::noTextSelected);
+    if (!element->isSelectionSettable())
+        throw QuorvaneError::selectionUnavailable(QStringLiteral("the selected content is read-only"));
+    const std::optional<qint64> processID = element->processID();
+    if (!processID)
+        throw QuorvaneError::selectionUnavailable(QStringLiteral("could not identify the destination app"));
+    const std::optional<TextSelectionRange> range = element->selectedRange();
+    if (!range)
+        throw QuorvaneError::selectionUnavailable(QStringLiteral("could not verify the selected text range"));
+    return SelectedTextSnapshot{*text, *processID, range};
+}
+
+void PasteTextInjector::replaceSelection(const SelectedTextSnapshot &snapshot, const QString &text) {
+    // Pasting replaces whatever is selected now, so it must still be what the edit was made from.
+    if (captureSelection() != snapshot)
+        throw QuorvaneError(QuorvaneError::Case::selectionChanged);
+    inject(text);
+}

@@ -1,0 +1,221 @@
+#include "ScriptedTextBackend.h"
+#include "core/Scheduler.h"
+#include "platform/PasteTextInjector.h"
+
+#include <QTest>
+
+namespace {
+
+using Case = QuorvaneError::Case;
+using Clipboard = DesktopTextBackend::ClipboardSnapshot;
+using Element = ScriptedTextBackend::Element;
+
+// Two items, one of them in two formats, one holding bytes that are not text.
+Clipboard richClipboard() {
+    return {{{"text/plain;charset=utf-8", "first"}, {"text/html", "<b>first</b>"}},
+            {{"image/png", QByteArray("\x89PNG\r\n\x1a\n\0\0\xff", 11)}}};
+}
+
+Element selecting(const QString &text) {
+    Element element;
+    element.selectedText = text;
+    element.range = TextSelectionRange{7, qint64(text.size())};
+    return element;
+}
+
+std::optional<QuorvaneError> failureOf(const std::function<void()> &action) {
+    try {
+        action();
+    } catch (const QuorvaneError &error) {
+        return error;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+class TestPasteTextInjector : public QObject {
+    Q_OBJECT
+
+private slots:
+    // Refusals happen before the clipboard is read or written, so the user's copy is never at risk.
+    void refusesWithoutTouchingClipboard_data() {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<bool>("trusted");
+        QTest::addColumn<QStringList>("roles");
+        QTest::addColumn<int>("error");
+        QTest::newRow("empty text") << "" << false << QStringList{"AXSecureTextField"} << -1;
+        QTest::newRow("not trusted") << "hello" << false << QStringList{"AXTextField"}
+                                     << int(Case::accessibilityDenied);
+        QTest::newRow("secure role") << "hello" << true << QStringList{"AXSecureTextField"}
+                                     << int(Case::secureTextSelected);
+        QTest::newRow("secure subrole") << "hello" << true << QStringList{"AXTextField", "AXSecureTextField"}
+                                        << int(Case::secureTextSelected);
+        QTest::newRow("password text") << "hello" << true << QStringList{"password text"}
+                                       << int(Case::secureTextSelected);
+    }
+    void refusesWithoutTouchingClipboard() {
+        QFETCH(QString, text);
+        QFETCH(bool, trusted);
+        QFETCH(QStringList, roles);
+        QFETCH(int, error);
+        auto backend = std::make_shared<ScriptedTextBackend>();
+        backend->trusted = trusted;
+        backend->element->roles = roles;
+        backend->clipboard = richClipboard();
+        ManualScheduler scheduler;
+        PasteTextInjector injector(backend, scheduler);
+
+        const std::optional<QuorvaneError> failure = failureOf([&] { injector.inject(text); });
+        QCOMPARE(failure ? int(failure->errorCase()) : -1, error);
+        QCOMPARE(backend->clipboard, richClipboard());
+        QCOMPARE(backend->changeCount(), 0);
+        QVERIFY(backend->pasted.isEmpty());
+        QCOMPARE(scheduler.pendingCount(), 0u);
+    }
+
+    // The text is pasted, then the clipboard as it was comes back 350 ms later unless someone
+    // else wrote it in between.
+    void restoresClipboard_data() {
+        QTest::addColumn<Clipboard>("before");
+        QTest::addColumn<QString>("meanwhile");
+        QTest::addColumn<Clipboard>("at350");
+        QTest::addColumn<Clipboard>("after");
+        const Clipboard rich = richClipboard();
+        const Clipboard injected = ScriptedTextBackend::plainText("hello");
+        QTest::newRow("every item and format") << rich << "" << rich << rich;
+        QTest::newRow("empty stays empty") << Clipboard{} << "" << Clipboard{} << Clipboard{};
+        const Clipboard mine = ScriptedTextBackend::plainText("mine");
+        QTest::newRow("user copies") << rich << "user copies" << mine << mine;
+        // The first restore must not pull the clipboard from under the second paste; the user's
+        // clipboard still comes back in the end.
+        QTest::newRow("second injection")
+            << rich << "second injection" << ScriptedTextBackend::plainText("again") << rich;
+        QTest::newRow("chord fails") << rich << "chord fails" << injected << injected;
+    }
+    void restoresClipboard() {
+        QFETCH(Clipboard, before);
+        QFETCH(QString, meanwhile);
+        QFETCH(Clipboard, at350);
+        QFETCH(Clipboard, after);
+        auto backend = std::make_shared<ScriptedTextBackend>();
+        backend->clipboard = before;
+        backend->chordFails = meanwhile == "chord fails";
+        ManualScheduler scheduler;
+        PasteTextInjector injector(backend, scheduler);
+
+        const std::optional<QuorvaneError> failure = failureOf([&] { injector.inject("hello"); });
+        QCOMPARE(failure.has_value(), backend->chordFails);
+        if (failure)
+            QCOMPARE(*failure, QuorvaneError::injectionFailed("could not synthesise the paste keystroke"));
+        scheduler.advance(100);
+        if (meanwhile == "user copies")
+            backend->writeText("mine");
+        if (meanwhile == "second injection")
+            injector.inject("again");
+        scheduler.advance(249);
+        QCOMPARE(backend->restores, 0);
+        scheduler.advance(1);
+        QCOMPARE(backend->clipboard, at350);
+        scheduler.advance(1000);
+        QCOMPARE(backend->clipboard, after);
+        QCOMPARE(scheduler.pendingCount(), 0u);
+        const QStringList pasted = backend->chordFails               ? QStringList{}
+                                   : meanwhile == "second injection" ? QStringList{"hello", "again"}
+                                                                     : QStringList{"hello"};
+        QCOMPARE(backend->pasted, pasted);
+    }
+
+    // Each check in the order it is made; a secure field's selection is never read.
+    void captureFailures_data() {
+        QTest::addColumn<bool>("trusted");
+        QTest::addColumn<std::optional<Element>>("element");
+        QTest::addColumn<int>("error");
+        QTest::addColumn<QString>("reason");
+        QTest::addColumn<bool>("textRead");
+        const Element selected = selecting("  some text\n");
+        Element secure = selected;
+        secure.roles = {"AXTextField", "AXSecureTextField"};
+        Element password = selected;
+        password.roles = {"password text"};
+        Element missing = selected;
+        missing.selectedText.reset();
+        Element readOnly = selected;
+        readOnly.settable = false;
+        Element noProcess = selected;
+        noProcess.processID.reset();
+        Element noRange = selected;
+        noRange.range.reset();
+        const int unavailable = int(Case::selectionUnavailable);
+        QTest::newRow("not trusted") << false << std::optional(selected) << int(Case::accessibilityDenied) << ""
+                                     << false;
+        QTest::newRow("no focused element")
+            << true << std::optional<Element>() << unavailable << "no focused text field" << false;
+        QTest::newRow("secure field") << true << std::optional(secure) << int(Case::secureTextSelected) << "" << false;
+        QTest::newRow("password text") << true << std::optional(password) << int(Case::secureTextSelected) << ""
+                                       << false;
+        QTest::newRow("no selected text") << true << std::optional(missing) << int(Case::noTextSelected) << "" << true;
+        QTest::newRow("blank selection") << true << std::optional(selecting(" \n\t\u00a0\u2029 "))
+                                         << int(Case::noTextSelected) << "" << true;
+        QTest::newRow("read-only") << true << std::optional(readOnly) << unavailable
+                                   << "the selected content is read-only" << true;
+        QTest::newRow("no process") << true << std::optional(noProcess) << unavailable
+                                    << "could not identify the destination app" << true;
+        QTest::newRow("no range") << true << std::optional(noRange) << unavailable
+                                  << "could not verify the selected text range" << true;
+    }
+    void captureFailures() {
+        QFETCH(bool, trusted);
+        QFETCH(std::optional<Element>, element);
+        QFETCH(int, error);
+        QFETCH(QString, reason);
+        QFETCH(bool, textRead);
+        auto backend = std::make_shared<ScriptedTextBackend>();
+        backend->trusted = trusted;
+        backend->element = element;
+        PasteTextInjector injector(backend);
+
+        const std::optional<QuorvaneError> failure = failureOf([&] { injector.captureSelection(); });
+        QVERIFY(failure);
+        QCOMPARE(*failure, QuorvaneError(Case(error), reason));
+        QCOMPARE(backend->selectedTextReads > 0, textRead);
+    }
+
+    // Pasting replaces whatever is selected now, so it happens only over the captured selection.
+    void replacesOnlyUnchangedSelection_data() {
+        QTest::addColumn<Element>("now");
+        QTest::addColumn<bool>("replaced");
+        const Element captured = selecting("  teh text ");
+        Element moved = captured;
+        moved.range = TextSelectionRange{captured.range->location + 20, captured.range->length};
+        Element otherProcess = captured;
+        otherProcess.processID = *captured.processID + 1;
+        QTest::newRow("unchanged") << captured << true;
+        QTest::newRow("moved") << moved << false;
+        QTest::newRow("other text") << selecting("  the text ") << false;
+        QTest::newRow("other process") << otherProcess << false;
+    }
+    void replacesOnlyUnchangedSelection() {
+        QFETCH(Element, now);
+        QFETCH(bool, replaced);
+        auto backend = std::make_shared<ScriptedTextBackend>();
+        backend->element = selecting("  teh text ");
+        backend->clipboard = richClipboard();
+        ManualScheduler scheduler;
+        PasteTextInjector injector(backend, scheduler);
+        const SelectedTextSnapshot snapshot = injector.captureSelection();
+        // The text exactly as selected: the edit keeps its surrounding white space.
+        QCOMPARE(snapshot.text, "  teh text ");
+
+        backend->element = now;
+        const std::optional<QuorvaneError> failure =
+            failureOf([&] { injector.replaceSelection(snapshot, "the text"); });
+        QCOMPARE(failure, replaced ? std::nullopt : std::optional(QuorvaneError(Case::selectionChanged)));
+        QCOMPARE(backend->pasted, replaced ? QStringList{"the text"} : QStringList{});
+        scheduler.advance(PasteTextInjector::restoreDelayMs);
+        QCOMPARE(backend->clipboard, richClipboard());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestPasteTextInjector)
+#include "tst_paste_text_injector.moc"

@@ -1,0 +1,77 @@
+#pragma once
+
+#include "platform/DesktopTextBackend.h"
+
+#include <QStringList>
+
+// A desktop in memory: a clipboard of items and formats with its change count, a focused element
+// that answers as scripted, and a record of every paste keystroke.
+class ScriptedTextBackend final : public DesktopTextBackend {
+public:
+    struct Element {
+        QStringList roles = {QStringLiteral("text")};
+        std::optional<QString> selectedText;
+        bool settable = true;
+        std::optional<qint64> processID = 4242;
+        std::optional<TextSelectionRange> range = TextSelectionRange{0, 0};
+    };
+
+    static constexpr auto plainTextFormat = "text/plain;charset=utf-8";
+    static ClipboardSnapshot plainText(const QString &text) {
+        return {{{QString::fromLatin1(plainTextFormat), text.toUtf8()}}};
+    }
+
+    bool isTrusted() override { return trusted; }
+    std::unique_ptr<FocusedElement> focusedElement() override {
+        return element ? std::make_unique<ScriptedElement>(*this) : nullptr;
+    }
+    ClipboardSnapshot readClipboard() override { return clipboard; }
+    bool writeText(const QString &text) override {
+        if (writeFails)
+            return false;
+        clipboard = plainText(text);
+        ++m_changeCount;
+        return true;
+    }
+    void writeClipboard(const ClipboardSnapshot &items) override {
+        clipboard = items;
+        ++m_changeCount;
+        ++restores;
+    }
+    qint64 changeCount() override { return m_changeCount; }
+    bool postPasteChord() override {
+        if (chordFails)
+            return false;
+        // What the destination would read from the clipboard.
+        pasted << QString::fromUtf8(clipboard.value(0).value(0).second);
+        return true;
+    }
+
+    bool trusted = true;
+    bool writeFails = false;
+    bool chordFails = false;
+    std::optional<Element> element = Element{};
+    ClipboardSnapshot clipboard;
+    QStringList pasted;
+    int restores = 0;
+    int selectedTextReads = 0;
+
+private:
+    class ScriptedElement final : public FocusedElement {
+    public:
+        explicit ScriptedElement(ScriptedTextBackend &backend) : m_backend(backend) {}
+        QStringList roles() override { return m_backend.element->roles; }
+        std::optional<QString> selectedText() override {
+            ++m_backend.selectedTextReads;
+            return m_backend.element->selectedText;
+        }
+        bool isSelectionSettable() override { return m_backend.element->settable; }
+        std::optional<qint64> processID() override { return m_backend.element->processID; }
+        std::optional<TextSelectionRange> selectedRange() override { return m_backend.element->range; }
+
+    private:
+        ScriptedTextBackend &m_backend;
+    };
+
+    qint64 m_changeCount = 0;
+};
