@@ -34,12 +34,9 @@ void PasteTextInjector::inject(const QString &text) {
         element && isSecure(element->roles()))
         throw QuorvaneError(QuorvaneError::Case::secureTextSelected);
 
-    // While our previous text is still unrestored on the clipboard, the user's own clipboard is the
-    // one held by that restore, not what is on the clipboard now.
-    const bool ownTextOnClipboard =
-        m_pending && !m_pending->finished && m_backend->changeCount() == m_pending->changeCount;
-    DesktopTextBackend::ClipboardSnapshot snapshot =
-        ownTextOnClipboard ? m_pending->snapshot : m_backend->readClipboard();
+    // A paste within 0.35 s of the last one snapshots our own earlier text: the earlier restore is
+    // skipped (the count moved) and this snapshot, holding that text, is what comes back.
+    DesktopTextBackend::ClipboardSnapshot snapshot = m_backend->readClipboard();
 
     if (!m_backend->writeText(text))
         throw QuorvaneError::injectionFailed(QStringLiteral("could not write to the pasteboard"));
@@ -55,7 +52,6 @@ void PasteTextInjector::inject(const QString &text) {
     pending->snapshot = std::move(snapshot);
     pending->changeCount = written;
     pending->handle = m_scheduler.schedule(restoreDelayMs, [pending, weakBackend = std::weak_ptr(m_backend)] {
-        pending->finished = true;
         const DesktopTextBackend::ClipboardSnapshot saved = std::exchange(pending->snapshot, {});
         const std::shared_ptr<DesktopTextBackend> backend = weakBackend.lock();
         // Something copied since our write is newer than what we saved, and it wins.

@@ -28,7 +28,6 @@ private:
         DesktopTextBackend::ClipboardSnapshot snapshot;
         // The clipboard's count right after our write; any other value means someone copied since.
         qint64 changeCount = 0;
-        bool finished = false;
         Scheduler::Handle handle;
     };
 

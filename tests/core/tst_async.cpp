@@ -1,10 +1,15 @@
 #include "core/Async.h"
 #include "core/LatencyStats.h"
+#include "core/MainThread.h"
+#include "core/Scheduler.h"
 #include "core/SerialQueue.h"
 #include "core/Timeout.h"
 #include "core/Timings.h"
 
 #include <QTest>
+#include <atomic>
+#include <future>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 
@@ -141,6 +146,87 @@ private Q_SLOTS:
         QCOMPARE(order.size(), 100);
         QVERIFY(std::is_sorted(order.begin(), order.end()));
         QVERIFY(worker != std::this_thread::get_id());
+    }
+
+    void queuedTimersFollowTheManualClockOnTheQueueThread() {
+        ManualScheduler clock;
+        SerialQueue queue(QStringLiteral("test.timers"));
+        std::mutex mutex;
+        QStringList fired;
+        std::thread::id ranOn;
+        const auto note = [&](const QString &what) {
+            return [&, what] {
+                std::lock_guard lock(mutex);
+                fired << what + QLatin1Char('@') + QString::number(clock.nowMs());
+                ranOn = std::this_thread::get_id();
+            };
+        };
+        const Scheduler::Handle repeating = clock.repeatOn(queue, 900, 250, note(QStringLiteral("tick")));
+        clock.scheduleOn(queue, 1000, note(QStringLiteral("once")));
+        const Scheduler::Handle cancelled = clock.scheduleOn(queue, 1000, note(QStringLiteral("cancelled")));
+        Scheduler::cancel(cancelled);
+        clock.advance(899);
+        QVERIFY(fired.isEmpty());
+        clock.advance(500);
+        QCOMPARE(fired, QStringList({"tick@900", "once@1000", "tick@1150"}));
+        QVERIFY(ranOn != std::this_thread::get_id());
+        Scheduler::cancel(repeating);
+        clock.advance(1000);
+        QCOMPARE(fired.size(), 3);
+        QCOMPARE(clock.pendingCount(), std::size_t(0));
+    }
+
+    void queuedWorkOutlivingItsQueueIsDropped() {
+        ManualScheduler clock;
+        int runs = 0;
+        {
+            SerialQueue queue(QStringLiteral("test.gone"));
+            clock.scheduleOn(queue, 10, [&] { ++runs; });
+            clock.repeatOn(queue, 10, 10, [&] { ++runs; });
+        }
+        clock.advance(100);
+        QCOMPARE(runs, 0);
+
+        // The real clock: a queue destroyed from one of its own jobs neither deadlocks nor runs
+        // the delayed work it still held.
+        auto queue = std::make_shared<SerialQueue>(QStringLiteral("test.self"));
+        std::atomic<int> late{0};
+        Scheduler::system().scheduleOn(*queue, 30, [&] { ++late; });
+        std::promise<void> released;
+        queue->async([&queue, &released] {
+            auto last = std::move(queue);
+            last.reset();
+            released.set_value();
+        });
+        released.get_future().wait();
+        QTest::qWait(60);
+        QCOMPARE(late.load(), 0);
+    }
+
+    void realClockRepeatsOnTheQueue() {
+        SerialQueue queue(QStringLiteral("test.real"));
+        std::atomic<int> ticks{0};
+        const Scheduler::Handle handle = Scheduler::system().repeatOn(queue, 5, 5, [&] { ++ticks; });
+        QTRY_VERIFY(ticks.load() >= 3);
+        Scheduler::cancel(handle);
+        const int settled = (queue.drain(), ticks.load());
+        QTest::qWait(30);
+        QVERIFY(ticks.load() <= settled + 1);
+    }
+
+    void mainThreadPostsSkipADeadTarget() {
+        auto target = std::make_shared<int>(0);
+        QList<int> order;
+        std::thread([&] {
+            for (int i = 0; i < 3; ++i)
+                postToMainThread(target, [&, i] { order << i; });
+        }).join();
+        auto doomed = std::make_shared<int>(0);
+        postToMainThread(doomed, [&] { order << 99; });
+        doomed.reset();
+        QTRY_COMPARE(order, QList<int>({0, 1, 2}));
+        QTest::qWait(10);
+        QCOMPARE(order, QList<int>({0, 1, 2}));
     }
 
     void runOnSkipsADestroyedContext() {
