@@ -429,7 +429,8 @@ void WarmMicrophone::runActiveCheck(qint64 generation, double rate, bool retainA
         armActiveCheckLocked(rate, retainAudio);
         return;
     }
-    const bool digitalSilence = flowing; // and silent
+    // Fresh buffers that are all zeros; anything else means the stream stopped.
+    const bool digitalSilence = flowing;
     // One rebuild per utterance: a second one would not fix a device that is simply broken.
     if (recoveries > 0) {
         Log::error(QStringLiteral("Microphone recovery exhausted: ") +
