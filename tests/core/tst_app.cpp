@@ -1,3 +1,4 @@
+#include "LogRecorder.h"
 #include "core/AppInfo.h"
 #include "core/CommandLine.h"
 #include "core/LaunchAtLogin.h"
@@ -106,8 +107,7 @@ private Q_SLOTS:
     }
 
     void launchAtLoginActsOnlyOnChange() {
-        QStringList lines;
-        Log::setObserver([&](const QString &level, const QString &message) { lines.append(level + u' ' + message); });
+        LogRecorder log;
         ScriptedLoginItem item;
         LaunchAtLogin::apply(item, true);
         LaunchAtLogin::apply(item, true);
@@ -117,8 +117,7 @@ private Q_SLOTS:
         QCOMPARE(item.disableCalls, 1);
         item.failure = QStringLiteral("Operation not permitted");
         LaunchAtLogin::apply(item, true);
-        Log::setObserver({});
-        QCOMPARE(lines, QStringList{"ERROR Could not change launch-at-login: Operation not permitted"});
+        QCOMPARE(log.lines, QStringList{"ERROR Could not change launch-at-login: Operation not permitted"});
     }
 
     void xdgAutostartEntry() {
