@@ -67,11 +67,15 @@ void runApplicationOnce(const QString &home) {
 // returns what it wrote.
 void runApplicationUntilEngineFails(const QString &home, bool throughTerminal, QString &output) {
     const QString endpoint = QStringLiteral("http://127.0.0.1:%1").arg(FakeHttpServer::closedPort());
-    writeFileBytes(home + "/config.json", "{\"whisperEndpoint\": \"" + endpoint.toUtf8() + "\"}");
+    writeFileBytes(home + "/config.json",
+                   "{\"asr\": \"whisperServer\", \"whisperEndpoint\": \"" + endpoint.toUtf8() + "\"}");
     QProcess app;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("QUORVANE_HOME"), home);
     environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    // Without a display no desktop backend can arm the keys, even when the suite runs in a desktop.
+    environment.remove(QStringLiteral("DISPLAY"));
+    environment.remove(QStringLiteral("WAYLAND_DISPLAY"));
     app.setProcessEnvironment(environment);
     app.setProcessChannelMode(QProcess::MergedChannels);
     if (throughTerminal)
