@@ -4,6 +4,7 @@
 #include "core/Async.h"
 #include "core/Log.h"
 #include "core/Paths.h"
+#include "core/Terminal.h"
 #include "pipeline/Pipeline.h"
 #include "platform/PlatformKitFactory.h"
 
@@ -68,8 +69,11 @@ void AppShell::startPipeline() {
         armed = hotkey->start() && armed;
         m_hotkeys.push_back(std::move(hotkey));
     }
-    if (!armed)
+    if (!armed) {
         Log::warn(QStringLiteral("The push-to-talk keys could not be armed on this desktop."));
+        Terminal::tell(QStringLiteral("The push-to-talk keys could not be armed on this desktop, so holding them "
+                                      "does not record."));
+    }
 
     detach(m_pipeline->prepare(), [](std::exception_ptr) { Log::error(QStringLiteral("Preparation failed.")); });
 }

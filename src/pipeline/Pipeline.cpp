@@ -5,6 +5,7 @@
 #include "core/OffThread.h"
 #include "core/Paths.h"
 #include "core/QuorvaneError.h"
+#include "core/Terminal.h"
 #include "core/Text.h"
 #include "core/Timeout.h"
 #include "formatting/DeveloperPromptGuard.h"
@@ -154,10 +155,13 @@ QCoro::Task<void> Pipeline::prepare() {
         co_return;
     if (outcome.timedOut()) {
         Log::error(QStringLiteral("ASR preparation timed out after 30s. It will retry on first dictation."));
+        Terminal::tell(QStringLiteral("The speech engine did not get ready within 30 s; Quorvane tries again at the "
+                                      "first dictation."));
         setState(PipelineState::error(QStringLiteral("Speech model preparation timed out.")));
     } else if (outcome.error) {
         const QString description = describeError(outcome.error);
         Log::error(QStringLiteral("ASR unavailable: ") + description);
+        Terminal::tell(description);
         setState(PipelineState::error(description));
     } else if (m_state.kind == PipelineState::Kind::error && !m_isStarting) {
         // A working engine clears the error an earlier preparation left on the icon.
