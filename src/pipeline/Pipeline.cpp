@@ -335,9 +335,10 @@ QCoro::Task<void> Pipeline::startRecording(RunTicket ticket, Recording recording
             float loudest = 0;
             for (const float sample : chunk.samples)
                 loudest = std::max(loudest, std::abs(sample));
-            // Only the capture's thread writes, so a plain compare-and-store is enough.
-            if (loudest > peak->load(std::memory_order_relaxed))
-                peak->store(loudest, std::memory_order_relaxed);
+            // The pre-roll and the device's chunks may come from different threads.
+            float seen = peak->load(std::memory_order_relaxed);
+            while (loudest > seen && !peak->compare_exchange_weak(seen, loudest, std::memory_order_relaxed)) {
+            }
             asr->append(chunk);
         });
         // Starting a device can block for a while, and key events must keep flowing on the main
