@@ -1,12 +1,41 @@
 #include "platform/PlatformKitFactory.h"
 
 #include "platform/FocusedDocumentSource.h"
+#include "platform/HotkeyBackend.h"
+#include "platform/PresentingNotifier.h"
+#include "platform/linux/FreedesktopNotifications.h"
+#include "platform/linux/LinuxAppRules.h"
 #include "platform/linux/ProcProcessTreeSource.h"
+#include "platform/linux/X11FrontmostApp.h"
 #include "repository/RepositoryContextProvider.h"
+
+#include <QGuiApplication>
+
+namespace {
+
+// Desktop services need the desktop application and an X11 display; the command-line commands
+// and sessions without X keep the fallbacks.
+bool hasX11Desktop() {
+    return qobject_cast<QGuiApplication *>(QCoreApplication::instance()) && !qEnvironmentVariableIsEmpty("DISPLAY");
+}
+
+} // namespace
 
 PlatformKit makePlatformKit(const Config &config) {
     PlatformKit kit = PlatformKit::fallbacks();
     kit.pasteShortcut = QStringLiteral("Ctrl+V");
+    kit.keyDisplayName = [](PushToTalkKey key) { return PhysicalKey::x11(key).displayName; };
+    kit.appRules = linuxAppRules();
+
+    auto notifier = std::make_shared<PresentingNotifier>();
+    notifier->present = [](const QString &title, const QString &body) {
+        FreedesktopNotifications::show(title, body, {});
+    };
+    kit.notifier = notifier;
+
+    if (hasX11Desktop()) {
+        kit.frontmostApp = std::make_shared<X11FrontmostApp>();
+    }
     kit.capture = kit.makeCapture(config);
 
     // Wired last, against the frontmost-app service the kit ends up with; held weakly because the
