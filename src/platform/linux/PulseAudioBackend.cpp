@@ -3,6 +3,7 @@
 #include "core/Log.h"
 #include "core/QuorvaneError.h"
 
+#include <atomic>
 #include <cstring>
 #include <pulse/pulseaudio.h>
 #include <stdexcept>
@@ -38,6 +39,9 @@ struct PulseAudioBackend::Session {
     pa_context *context = nullptr;
     pa_stream *stream = nullptr;
     BufferHandler onBuffer;
+    // Kept by the state callbacks, so asking does not wait for the loop, which may be inside the
+    // buffer handler waiting for the one asking.
+    std::atomic<bool> streaming{false};
 
     Session() : loop(pa_threaded_mainloop_new()) {}
     ~Session() {
@@ -75,7 +79,14 @@ struct PulseAudioBackend::Session {
             pa_context_new_with_proplist(pa_threaded_mainloop_get_api(session->loop), "Quorvane", properties);
         pa_proplist_free(properties);
         pa_context_set_state_callback(
-            session->context, [](pa_context *, void *l) { signal(l); }, session->loop);
+            session->context,
+            [](pa_context *c, void *self) {
+                auto *me = static_cast<Session *>(self);
+                if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(c)))
+                    me->streaming = false;
+                signal(me->loop);
+            },
+            session.get());
         const QByteArray address = server.toUtf8();
         // Never start a sound server of our own.
         const bool connecting = pa_context_connect(session->context, server.isEmpty() ? nullptr : address.constData(),
@@ -132,8 +143,7 @@ struct PulseAudioBackend::Session {
         return query.state;
     }
 
-    // Runs on the loop's thread with the loop locked. A stream that is stopped while the server
-    // still holds data drops it with the stream.
+    // Runs on the loop's thread with the loop locked; hands each fragment on as it comes.
     static void read(pa_stream *stream, size_t, void *self) {
         auto *session = static_cast<Session *>(self);
         while (pa_stream_readable_size(stream) > 0) {
@@ -167,7 +177,13 @@ struct PulseAudioBackend::Session {
             throw std::runtime_error(("could not create the recording stream: " + reason).toStdString());
         }
         pa_stream_set_state_callback(
-            stream, [](pa_stream *, void *l) { signal(l); }, loop);
+            stream,
+            [](pa_stream *s, void *self) {
+                auto *me = static_cast<Session *>(self);
+                me->streaming = pa_stream_get_state(s) == PA_STREAM_READY;
+                signal(me->loop);
+            },
+            this);
         pa_stream_set_read_callback(stream, &Session::read, this);
         pa_buffer_attr attributes;
         attributes.maxlength = uint32_t(-1);
@@ -189,14 +205,6 @@ struct PulseAudioBackend::Session {
         pa_threaded_mainloop_unlock(loop);
         if (state != PA_STREAM_READY)
             throw std::runtime_error(("the microphone stream did not start: " + reason).toStdString());
-    }
-
-    bool running() {
-        pa_threaded_mainloop_lock(loop);
-        const bool ready = pa_context_get_state(context) == PA_CONTEXT_READY && stream &&
-                           pa_stream_get_state(stream) == PA_STREAM_READY;
-        pa_threaded_mainloop_unlock(loop);
-        return ready;
     }
 };
 
@@ -272,12 +280,11 @@ void PulseAudioBackend::close() {
         session = std::move(m_session);
         m_onEchoCancel = false;
     }
-    // Destroyed outside the lock: its thread may be waiting in the buffer handler for a caller
-    // that holds none of ours.
+    // Ended outside the lock: the buffer handler, which the ending waits for, may call into us.
     session.reset();
 }
 
 bool PulseAudioBackend::isRunning() {
     std::lock_guard lock(m_lock);
-    return m_session && m_session->running();
+    return m_session && m_session->streaming;
 }
