@@ -158,7 +158,9 @@ private Q_SLOTS:
         std::vector<float> tone = collector.heard();
         tone.resize(quarterSecond);
         QVERIFY2(rms(tone) > 0.2, qPrintable(QString::number(rms(tone))));
-        QCOMPARE(dominantFrequency(tone, rate), 440.0);
+        // Delivered at another rate than asked for, the tone would sit a factor away (147, 1320 Hz).
+        const double frequency = dominantFrequency(tone, rate);
+        QVERIFY2(std::abs(frequency - 440) <= 10, qPrintable(QString::number(frequency)));
         QVERIFY(collector.largest() <= std::size_t(rate / 10));
 
         backend.close();
