@@ -111,13 +111,26 @@ private Q_SLOTS:
         QTRY_COMPARE(backend.liveFlags(), quint64(0));
     }
 
+    void aBrokenConnectionIsReportedAndReenableReconnects_data() {
+        QTest::addColumn<bool>("fromEventThread");
+        QTest::newRow("re-enabled at once, from the event thread") << true;
+        QTest::newRow("re-enabled later, from another thread") << false;
+    }
     void aBrokenConnectionIsReportedAndReenableReconnects() {
+        QFETCH(bool, fromEventThread);
         Recorder recorder;
         X11HotkeyBackend backend;
-        QVERIFY(backend.start(recorder.events()));
+        HotkeyBackend::Events events = recorder.events();
+        if (fromEventThread)
+            events.sourceDisabled = [&backend, disabled = events.sourceDisabled] {
+                disabled();
+                backend.reenable();
+            };
+        QVERIFY(backend.start(events));
         backend.breakConnection();
         QTRY_COMPARE(recorder.disabled(), 1);
-        backend.reenable();
+        if (!fromEventThread)
+            backend.reenable();
         // The new connection hears keys from some moment after reenable(); press until it does.
         const auto heard = [&] {
             QProcess::execute(QStringLiteral("xdotool"), {"keydown", "108", "keyup", "108"});
