@@ -28,11 +28,12 @@ QString modeTitle(PipelineMode mode) {
 } // namespace
 
 RecordingOverlay::RecordingOverlay(Scheduler &scheduler)
-    : QWidget(nullptr, Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus |
-                           Qt::WindowTransparentForInput | Qt::X11BypassWindowManagerHint),
+    // A tool-tip window is one no platform activates on show, and X11 maps it past the window
+    // manager; the other hints say the same to whoever reads them.
+    : QWidget(nullptr, Qt::ToolTip | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus |
+                           Qt::WindowTransparentForInput),
       m_scheduler(scheduler), m_meter(meterBars, 0.0f) {
     setAttribute(Qt::WA_ShowWithoutActivating);
-    setAttribute(Qt::WA_X11NetWmWindowTypeNotification);
     setFocusPolicy(Qt::NoFocus);
     setFixedSize(overlayWidth, overlayHeight);
     // Round corners without a compositor: translucency would show black there under plain X11.
