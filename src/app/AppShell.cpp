@@ -9,6 +9,7 @@
 #include "core/LaunchAtLogin.h"
 #include "core/Log.h"
 #include "core/Paths.h"
+#include "core/Terminal.h"
 #include "pipeline/Pipeline.h"
 #include "platform/PlatformKitFactory.h"
 #include "platform/PresentingNotifier.h"
@@ -72,10 +73,14 @@ void AppShell::startPipeline() {
         armed = hotkey->start() && armed;
         m_hotkeys.push_back(std::move(hotkey));
     }
-    if (!armed)
+    if (!armed) {
+        Log::warn(QStringLiteral("The push-to-talk keys could not be armed on this desktop."));
+        Terminal::tell(QStringLiteral("The push-to-talk keys could not be armed on this desktop, so holding them "
+                                      "does not record."));
         m_pipeline->platform().notifier->notify(QStringLiteral("Push-to-talk keys are not armed"),
                                                 QStringLiteral("Quorvane cannot watch its keys on this desktop. ") +
                                                     hotkeyFixStep());
+    }
 
     m_settings = std::make_unique<SettingsApplier>(
         *m_pipeline,

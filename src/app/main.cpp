@@ -1,8 +1,12 @@
 #include "app/AppShell.h"
+#include "app/DesktopSession.h"
 #include "benchmark/SpeechBenchmark.h"
+#include "core/AppInfo.h"
 #include "core/Async.h"
 #include "core/CommandLine.h"
 #include "core/Log.h"
+#include "core/Paths.h"
+#include "core/Terminal.h"
 #include "pipeline/Verify.h"
 #include "platform/ApplicationPresence.h"
 #include "platform/PlatformKitFactory.h"
@@ -32,8 +36,10 @@ int runCommand(int argc, char **argv, const Command &command) {
 
 int runApplication(int argc, char **argv) {
     static std::unique_ptr<QApplication> application; // lives as long as the process
-    application = std::make_unique<QApplication>(argc, argv);
+    application = DesktopSession::open(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Quorvane"));
+    Terminal::tell(QStringLiteral("Quorvane %1 is running. Settings and data: %2, log: %3")
+                       .arg(AppInfo::version(), Paths::root(), Paths::file(QStringLiteral("quorvane.log"))));
     QApplication::setQuitOnLastWindowClosed(false);
     ApplicationPresence::configure();
     static std::unique_ptr<AppShell> shell;

@@ -5,6 +5,7 @@
 #include "core/OffThread.h"
 #include "core/Paths.h"
 #include "core/QuorvaneError.h"
+#include "core/Terminal.h"
 #include "core/Text.h"
 #include "core/Timeout.h"
 #include "formatting/DeveloperPromptGuard.h"
@@ -14,6 +15,7 @@
 #include "formatting/TranscriptGuard.h"
 #include "pipeline/EngineChoice.h"
 #include "pipeline/ErrorText.h"
+#include "pipeline/StockPhrases.h"
 #include "repository/AgentExecutableLocator.h"
 #include "speech/RecognitionContextBuilder.h"
 
@@ -22,6 +24,7 @@
 #include <QFileInfo>
 #include <QUuid>
 #include <algorithm>
+#include <cmath>
 
 namespace {
 
@@ -84,12 +87,13 @@ Pipeline::Pipeline(Config config, PlatformKit platform, Scheduler &scheduler, st
         m_platform.notifier = fallbacks.notifier;
     buildEngines();
     m_platform.capture->setVoiceProcessingEnabled(m_config.voiceProcessingEnabled);
+    m_recording = Recording{m_asr, m_platform.capture};
 }
 
 Pipeline::~Pipeline() {
     stopRecordingLimit();
     if (m_state.kind == PipelineState::Kind::recording)
-        m_platform.capture->stop();
+        m_recording.capture->stop();
 }
 
 // MARK: state
@@ -120,11 +124,12 @@ void Pipeline::notify(const QString &title, const QString &body) const {
 }
 
 void Pipeline::abandonUtterance() {
-    detach(abandonOn(m_asr), logTaskFailure);
+    detach(abandonOn(m_recording.asr), logTaskFailure);
 }
 
 void Pipeline::clearPending() {
     m_pendingSelection.reset();
+    m_selectionFailure.reset();
     m_pendingRepositoryTask.reset();
 }
 
@@ -154,10 +159,13 @@ QCoro::Task<void> Pipeline::prepare() {
         co_return;
     if (outcome.timedOut()) {
         Log::error(QStringLiteral("ASR preparation timed out after 30s. It will retry on first dictation."));
+        Terminal::tell(QStringLiteral("The speech engine did not get ready within 30 s; Quorvane tries again at the "
+                                      "first dictation."));
         setState(PipelineState::error(QStringLiteral("Speech model preparation timed out.")));
     } else if (outcome.error) {
         const QString description = describeError(outcome.error);
         Log::error(QStringLiteral("ASR unavailable: ") + description);
+        Terminal::tell(description);
         setState(PipelineState::error(description));
     } else if (m_state.kind == PipelineState::Kind::error && !m_isStarting) {
         // A working engine clears the error an earlier preparation left on the icon.
@@ -175,11 +183,17 @@ QCoro::Task<void> Pipeline::prepare() {
 }
 
 QCoro::Task<void> Pipeline::reload(Config config) {
-    const bool voiceProcessingChanged = config.voiceProcessingEnabled != m_config.voiceProcessingEnabled;
+    const Config old = m_config;
     m_config = std::move(config);
     saveConfig();
-    if (voiceProcessingChanged)
+    if (old.captureCommand != m_config.captureCommand && m_platform.makeCapture) {
+        // A recording under way keeps the capture it started on; the next one starts on this.
+        if (std::shared_ptr<AudioCapturing> capture = m_platform.makeCapture(m_config))
+            m_platform.capture = std::move(capture);
         m_platform.capture->setVoiceProcessingEnabled(m_config.voiceProcessingEnabled);
+    } else if (old.voiceProcessingEnabled != m_config.voiceProcessingEnabled) {
+        m_platform.capture->setVoiceProcessingEnabled(m_config.voiceProcessingEnabled);
+    }
     buildEngines();
     co_await prepare();
 }
@@ -293,6 +307,7 @@ void Pipeline::begin(PipelineMode mode) {
     m_releaseTime.reset();
     m_isStarting = true;
     m_pendingFinish = false;
+    m_limitFinishedMode.reset();
     clearPending();
 
     QStringList hints;
@@ -301,24 +316,38 @@ void Pipeline::begin(PipelineMode mode) {
         try {
             m_pendingSelection = m_platform.selectionEditor->captureSelection();
         } catch (...) {
-            Log::warn(QStringLiteral("Could not capture the selection: ") + describeError(std::current_exception()));
+            m_selectionFailure = describeError(std::current_exception());
+            Log::warn(QStringLiteral("Could not capture the selection: ") + *m_selectionFailure);
         }
     } else if (mode == PipelineMode::developerPrompt) {
         startRepositoryLookup();
     }
-    detach(startRecording(newRun(), hints), logTaskFailure);
+    m_recording = Recording{m_asr, m_platform.capture};
+    detach(startRecording(newRun(), m_recording, hints), logTaskFailure);
 }
 
-QCoro::Task<void> Pipeline::startRecording(RunTicket ticket, QStringList hints) {
-    const auto asr = m_asr;
-    const auto capture = m_platform.capture;
+QCoro::Task<void> Pipeline::startRecording(RunTicket ticket, Recording recording, QStringList hints) {
+    const auto asr = recording.asr;
+    const auto capture = recording.capture;
+    const auto peak = recording.peak;
     const double sampleRate = asr->requiredSampleRate();
     const bool retainAudio = m_config.retainAudio;
     std::exception_ptr failure;
     try {
         co_await asr->beginUtterance(hints);
-        capture->setOnChunk([asr](const AudioChunk &chunk) { asr->append(chunk); });
-        // Building an audio engine can block for a while; key events keep arriving meanwhile.
+        capture->setOnChunk([asr, peak](const AudioChunk &chunk) {
+            float loudest = 0;
+            for (const float sample : chunk.samples)
+                loudest = std::max(loudest, std::abs(sample));
+            // The pre-roll and the device's chunks may come from different threads.
+            float seen = peak->load(std::memory_order_relaxed);
+            while (loudest > seen && !peak->compare_exchange_weak(seen, loudest, std::memory_order_relaxed)) {
+            }
+            asr->append(chunk);
+        });
+        // Starting a device can block for a while, and key events must keep flowing on the main
+        // thread meanwhile. Every capture is safe to start from a pool thread: each guards its
+        // state with locks and delivers from threads of its own.
         co_await runOffThread<bool>([capture, sampleRate, retainAudio] {
             capture->start(sampleRate, retainAudio);
             return true;
@@ -400,6 +429,7 @@ void Pipeline::onRecordingLimit(qint64 limit, const QString &label, PipelineMode
     if (m_state.kind != PipelineState::Kind::recording)
         return;
     Log::warn(QStringLiteral("Maximum %1s recording reached without a key-up; finishing automatically.").arg(limit));
+    m_limitFinishedMode = mode;
     notify(QStringLiteral("Recording limit reached"),
            QStringLiteral("Quorvane finished this dictation after ") + label +
                QStringLiteral(". Choose a longer limit from the menu or continue in a new dictation."));
@@ -411,6 +441,13 @@ void Pipeline::onRecordingLimit(qint64 limit, const QString &label, PipelineMode
 void Pipeline::finish(std::optional<PipelineMode> expectedMode) {
     if (expectedMode && *expectedMode != m_activeMode)
         return;
+    if (expectedMode && expectedMode == m_limitFinishedMode && m_state.kind != PipelineState::Kind::recording &&
+        !m_isStarting) {
+        // The user lets go of a key whose recording the limit already finished: its run goes on.
+        m_limitFinishedMode.reset();
+        Log::info(QStringLiteral("Key released after the recording limit finished the recording."));
+        return;
+    }
     stopRecordingLimit();
     if (m_state.kind != PipelineState::Kind::recording) {
         if (m_isStarting) {
@@ -427,7 +464,7 @@ void Pipeline::finish(std::optional<PipelineMode> expectedMode) {
     const qint64 now = m_scheduler.nowMs();
     const qint64 held = now - m_recordingStart.value_or(now);
     m_releaseTime = now;
-    m_platform.capture->stop();
+    m_recording.capture->stop();
 
     if (held < minimumHoldMs) {
         Log::info(QStringLiteral("Ignored %1 ms key tap.").arg(held));
@@ -437,7 +474,7 @@ void Pipeline::finish(std::optional<PipelineMode> expectedMode) {
         return;
     }
 
-    const AudioCaptureStatus status = m_platform.capture->lastCaptureStatus();
+    const AudioCaptureStatus status = m_recording.capture->lastCaptureStatus();
     if (status == AudioCaptureStatus::noBuffers || status == AudioCaptureStatus::digitalSilence) {
         const QString message =
             status == AudioCaptureStatus::noBuffers
@@ -475,7 +512,7 @@ void Pipeline::cancel() {
     ++m_run;
     stopRecordingLimit();
     m_pendingFinish = false;
-    m_platform.capture->stop();
+    m_recording.capture->stop();
     clearPending();
     setState(PipelineState::idle());
     abandonUtterance();
@@ -502,7 +539,8 @@ QCoro::Task<void> Pipeline::runGuarded(RunTicket ticket, Timings timings) {
 }
 
 QCoro::Task<Pipeline::RunEnd> Pipeline::runInference(RunTicket ticket, Timings timings) {
-    const auto asr = m_asr;
+    const Recording recording = m_recording;
+    const auto asr = recording.asr;
     const qint64 started = m_scheduler.nowMs();
     QString raw;
     std::exception_ptr failure;
@@ -525,6 +563,11 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runInference(RunTicket ticket, Timings t
     raw = Text::trimmed(raw);
     if (raw.isEmpty()) {
         Log::info(QStringLiteral("Nothing was said."));
+        co_return RunOutcome(PipelineState::idle());
+    }
+    // Recognisers answer near-silence with stock phrases nobody said.
+    if (recording.peak->load() < silentPeak && StockPhrases::only(raw)) {
+        Log::info(QStringLiteral("Nothing was said; dropped \"") + raw + QStringLiteral("\" heard in near-silence."));
         co_return RunOutcome(PipelineState::idle());
     }
     switch (m_activeMode) {
@@ -551,7 +594,7 @@ void Pipeline::requireOriginalDestination() const {
 
 std::optional<QString> Pipeline::retainCurrentAudio() {
     const QString path = m_store->audioURL(m_utteranceID);
-    m_platform.capture->writeRetainedAudio(path);
+    m_recording.capture->writeRetainedAudio(path);
     if (!QFileInfo::exists(path))
         return std::nullopt;
     m_store->didWriteAudio(path);
@@ -571,7 +614,7 @@ Utterance Pipeline::makeUtterance(const QString &raw, const QString &formatted, 
     utterance.formattedText = formatted;
     utterance.shippedText = shipped;
     utterance.guardVerdict = verdict;
-    utterance.engine = m_asr->name();
+    utterance.engine = m_recording.asr->name();
     utterance.formatter = m_formatter->name();
     utterance.asrMS = timings.asrMS;
     utterance.formatMS = timings.formatMS;
@@ -660,8 +703,9 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runEditCommand(RunTicket ticket, QString
         co_return RunOutcome(PipelineState::idle());
     }
     if (!m_pendingSelection || !m_platform.selectionEditor) {
-        notify(QStringLiteral("Edit in Place"),
-               QStringLiteral("The original selection is no longer available. Nothing was replaced."));
+        const QString reason = m_selectionFailure ? sentence(*m_selectionFailure)
+                                                  : QStringLiteral("The original selection is no longer available.");
+        notify(QStringLiteral("Edit in Place"), reason + QStringLiteral(" Nothing was replaced."));
         co_return RunOutcome(PipelineState::idle());
     }
 
@@ -745,6 +789,13 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDeveloperPrompt(RunTicket ticket, QSt
     }
 
     const auto formatter = m_formatter;
+    DeveloperPromptGuard::Decision decision;
+    QString compiled;
+    if (m_config.formatter == FormatterKind::none || isPassthrough(*formatter)) {
+        // The user chose no model: the verbatim request is what they asked for, not a failure.
+        decision = DeveloperPromptGuard::fallback(raw, Verdict::formatterDisabled);
+        co_return co_await deliverPrompt(ticket, raw, compiled, decision, repository, timings);
+    }
     const qint64 budget = formatterBudget(m_config, TranscriptGuard::words(raw).size(), 1800);
     const qint64 started = m_scheduler.nowMs();
     const auto outcome = co_await withTimeout<QString>(
@@ -754,8 +805,6 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDeveloperPrompt(RunTicket ticket, QSt
     timings.formatMS = m_scheduler.nowMs() - started;
 
     const QString simplified = QStringLiteral("Prompt simplified for safety");
-    DeveloperPromptGuard::Decision decision;
-    QString compiled;
     if (outcome.timedOut()) {
         Log::warn(QStringLiteral("Prompt compilation exceeded its %1 ms budget.").arg(budget));
         decision = DeveloperPromptGuard::fallback(raw, Verdict::formatterFailed);
@@ -774,6 +823,13 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDeveloperPrompt(RunTicket ticket, QSt
                    QStringLiteral("The model changed protected content, so Quorvane kept your request verbatim."));
         }
     }
+    co_return co_await deliverPrompt(ticket, raw, compiled, decision, repository, timings);
+}
+
+QCoro::Task<Pipeline::RunEnd> Pipeline::deliverPrompt(RunTicket ticket, QString raw, QString compiled,
+                                                      DeveloperPromptGuard::Decision decision,
+                                                      std::optional<RepositoryContext> repository, Timings timings) {
+    using Verdict = DeveloperPromptGuard::Verdict;
     const QString prompt = decision.text;
     const QString verdictName = DeveloperPromptGuard::verdictName(decision.verdict);
     const std::optional<AgentKind> agent = agentKind(m_config.promptDestination);

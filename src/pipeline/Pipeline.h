@@ -4,6 +4,7 @@
 #include "core/LatencyStats.h"
 #include "core/Scheduler.h"
 #include "core/Timings.h"
+#include "formatting/DeveloperPromptGuard.h"
 #include "formatting/FormattingContext.h"
 #include "history/Store.h"
 #include "history/Utterance.h"
@@ -16,6 +17,7 @@
 #include <QPointer>
 #include <QString>
 #include <QStringList>
+#include <atomic>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -28,6 +30,8 @@ class Pipeline : public QObject {
 public:
     static constexpr qint64 minimumHoldMs = 250;
     static constexpr qint64 preparationLimitMs = 30000;
+    // Peak level below which a recording counts as near-silence.
+    static constexpr float silentPeak = 0.01f;
 
     // `store` and `learner` default to the data directory's; `scheduler` is the clock of every
     // timer and measurement.
@@ -94,6 +98,14 @@ private:
         std::optional<RepositoryContext> context;
         std::optional<QString> error;
     };
+    // What one recording was made with. A reload meanwhile builds new services for the next
+    // recording; this one is stopped, read and finished where its audio went.
+    struct Recording {
+        std::shared_ptr<AsrEngine> asr;
+        std::shared_ptr<AudioCapturing> capture;
+        // Loudest sample delivered so far, written from the capture's thread.
+        std::shared_ptr<std::atomic<float>> peak = std::make_shared<std::atomic<float>>(0.0f);
+    };
     // Whether work started under `run` must stop: the pipeline is gone or has moved on.
     struct RunTicket {
         QPointer<Pipeline> pipeline;
@@ -115,12 +127,15 @@ private:
     void stopRecordingLimit();
     void onRecordingLimit(qint64 limit, const QString &label, PipelineMode mode);
 
-    QCoro::Task<void> startRecording(RunTicket ticket, QStringList hints);
+    QCoro::Task<void> startRecording(RunTicket ticket, Recording recording, QStringList hints);
     QCoro::Task<void> runGuarded(RunTicket ticket, Timings timings);
     QCoro::Task<RunEnd> runInference(RunTicket ticket, Timings timings);
     QCoro::Task<RunEnd> runDictation(RunTicket ticket, QString raw, Timings timings);
     QCoro::Task<RunEnd> runEditCommand(RunTicket ticket, QString raw, Timings timings);
     QCoro::Task<RunEnd> runDeveloperPrompt(RunTicket ticket, QString raw, Timings timings);
+    QCoro::Task<RunEnd> deliverPrompt(RunTicket ticket, QString raw, QString compiled,
+                                      DeveloperPromptGuard::Decision decision,
+                                      std::optional<RepositoryContext> repository, Timings timings);
     QCoro::Task<RepositoryLookup> resolvePendingRepositoryContext();
     static QCoro::Task<RepositoryLookup> lookUpRepository(std::shared_ptr<RepositoryContextProviding> provider,
                                                           std::optional<QString> bundleID,
@@ -157,6 +172,11 @@ private:
     Scheduler::Handle m_maxHoldTimer;
     bool m_isStarting = false;
     bool m_pendingFinish = false;
+    Recording m_recording;
+    // Why the selection could not be read at key-down, told when the edit ends.
+    std::optional<QString> m_selectionFailure;
+    // The mode whose recording the limit ended; its key is still down until the user lets go.
+    std::optional<PipelineMode> m_limitFinishedMode;
     // Bumped by every start and cancel, so work of an earlier recording or run sees it is stale.
     quint64 m_run = 0;
 };

@@ -46,6 +46,23 @@ QString quoted(const QString &text) {
 
 } // namespace
 
+Engines chooseEngines(const QString &locale, const NativeEngines &native) {
+    Engines engines;
+    if (native.asr)
+        engines.asr = native.asr();
+    if (native.formatter)
+        engines.formatter = native.formatter();
+    if (!engines.asr || !engines.formatter) {
+        Config settings = Config::load(Paths::file(QStringLiteral("config.json")));
+        settings.locale = locale;
+        if (!engines.asr)
+            engines.asr = makeAsr(settings, {});
+        if (!engines.formatter)
+            engines.formatter = makeFormatter(settings, {});
+    }
+    return engines;
+}
+
 QCoro::Task<int> run(QString wavPath, QString locale, NativeEngines native) {
     WavDecoder::Decoded audio;
     try {
@@ -60,14 +77,11 @@ QCoro::Task<int> run(QString wavPath, QString locale, NativeEngines native) {
               .arg(audio.sampleRate)
               .arg(audio.samples.size()));
 
-    // The guard judges with the default thresholds; the engine and formatter are the ones the
-    // settings would choose, for the locale asked for.
-    const Config defaults;
-    const TranscriptGuard guard = TranscriptGuard::fromConfig(defaults);
-    Config settings = Config::load(Paths::file(QStringLiteral("config.json")));
-    settings.locale = locale;
-    std::unique_ptr<AsrEngine> engine = makeAsr(settings, native.asr);
-    std::unique_ptr<TextFormatter> formatter = makeFormatter(settings, native.formatter);
+    // The guard judges with the default thresholds, never the user's.
+    const TranscriptGuard guard = TranscriptGuard::fromConfig(Config());
+    Engines engines = chooseEngines(locale, native);
+    std::unique_ptr<AsrEngine> engine = std::move(engines.asr);
+    std::unique_ptr<TextFormatter> formatter = std::move(engines.formatter);
 
     Store store(Paths::root());
     store.ensureVocabularyFile();

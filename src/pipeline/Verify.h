@@ -4,17 +4,26 @@
 
 #include <QCoro/QCoroTask>
 #include <QString>
+#include <memory>
 
 // `quorvane transcribe <wav> [locale]`: one recorded file through recognition, formatting and the
 // guard, with a printed report. Nothing is pasted or kept in history. Returns the exit status.
 namespace Verify {
 
-// The operating system's own recogniser and language model, where the platform has them; the
-// settings' engines are used otherwise.
+// The operating system's own recogniser and language model, where the platform has them.
 struct NativeEngines {
     NativeAsrFactory asr;
     NativeFormatterFactory formatter;
 };
+
+struct Engines {
+    std::unique_ptr<AsrEngine> asr;
+    std::unique_ptr<TextFormatter> formatter;
+};
+
+// The check proves the platform's own stack, so each part is the on-device one whatever the
+// settings say. Where the platform has none, the part the settings choose stands in, at `locale`.
+Engines chooseEngines(const QString &locale, const NativeEngines &native);
 
 QCoro::Task<int> run(QString wavPath, QString locale, NativeEngines native = {});
 

@@ -1,3 +1,6 @@
+#include "FakeHttpServer.h"
+#include "LogRecorder.h"
+#include "QuorvaneProcess.h"
 #include "core/AppInfo.h"
 #include "core/CommandLine.h"
 #include "core/LaunchAtLogin.h"
@@ -59,6 +62,34 @@ void runApplicationOnce(const QString &home) {
     QVERIFY(app.waitForFinished(5000));
 }
 
+// Starts the application with no speech server to reach, directly (output on a pipe) or under
+// script(1) (output on a terminal), waits until it has given up on the speech engine, stops it and
+// returns what it wrote.
+void runApplicationUntilEngineFails(const QString &home, bool throughTerminal, QString &output) {
+    const QString endpoint = QStringLiteral("http://127.0.0.1:%1").arg(FakeHttpServer::closedPort());
+    writeFileBytes(home + "/config.json",
+                   "{\"asr\": \"whisperServer\", \"whisperEndpoint\": \"" + endpoint.toUtf8() + "\"}");
+    QProcess app;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("QUORVANE_HOME"), home);
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    // Without a display no desktop backend can arm the keys, even when the suite runs in a desktop.
+    environment.remove(QStringLiteral("DISPLAY"));
+    environment.remove(QStringLiteral("WAYLAND_DISPLAY"));
+    app.setProcessEnvironment(environment);
+    app.setProcessChannelMode(QProcess::MergedChannels);
+    if (throughTerminal)
+        app.start(QStringLiteral("/usr/bin/script"),
+                  {QStringLiteral("-qec"), QStringLiteral("'" QUORVANE_BINARY "'"), QStringLiteral("/dev/null")});
+    else
+        app.start(QStringLiteral(QUORVANE_BINARY), {});
+    QVERIFY(app.waitForStarted());
+    QTRY_VERIFY_WITH_TIMEOUT(readAll(home + "/quorvane.log").contains("[ERROR] ASR unavailable"), 10000);
+    app.terminate();
+    QVERIFY(app.waitForFinished(5000));
+    output = QString::fromLocal8Bit(app.readAll());
+}
+
 } // namespace
 
 class AppTest : public QObject {
@@ -106,8 +137,7 @@ private Q_SLOTS:
     }
 
     void launchAtLoginActsOnlyOnChange() {
-        QStringList lines;
-        Log::setObserver([&](const QString &level, const QString &message) { lines.append(level + u' ' + message); });
+        LogRecorder log;
         ScriptedLoginItem item;
         LaunchAtLogin::apply(item, true);
         LaunchAtLogin::apply(item, true);
@@ -117,8 +147,7 @@ private Q_SLOTS:
         QCOMPARE(item.disableCalls, 1);
         item.failure = QStringLiteral("Operation not permitted");
         LaunchAtLogin::apply(item, true);
-        Log::setObserver({});
-        QCOMPARE(lines, QStringList{"ERROR Could not change launch-at-login: Operation not permitted"});
+        QCOMPARE(log.lines, QStringList{"ERROR Could not change launch-at-login: Operation not permitted"});
     }
 
     void xdgAutostartEntry() {
@@ -157,6 +186,50 @@ private Q_SLOTS:
         QVERIFY(QDir().mkpath(legacy));
         Paths::prepare(root, legacy);
         QVERIFY(QFile::exists(legacy));
+    }
+
+    void withoutADisplayTheApplicationExplainsAndExits_data() {
+        QTest::addColumn<QString>("display");
+        QTest::newRow("no display named") << QString();
+        QTest::newRow("display that does not answer") << QStringLiteral(":4077");
+    }
+    void withoutADisplayTheApplicationExplainsAndExits() {
+#ifndef Q_OS_LINUX
+        QSKIP("macOS always has its window server");
+#endif
+        QFETCH(QString, display);
+        QTemporaryDir home;
+        const QuorvaneRun run = runQuorvane(
+            home.path(), {}, {{"DISPLAY", display}, {"WAYLAND_DISPLAY", {}}, {"QT_QPA_PLATFORM", {}}}, 10000);
+        QCOMPARE(run.exitCode, 1);
+        QCOMPARE(run.out, QString());
+        QCOMPARE(run.err.count(u'\n'), 1);
+        QVERIFY2(run.err.startsWith("Quorvane needs a desktop session: "), qPrintable(run.err));
+        QVERIFY2(display.isEmpty() || run.err.contains(display), qPrintable(run.err));
+    }
+
+    void problemsThatStopDictationReachATerminal_data() {
+        QTest::addColumn<bool>("throughTerminal");
+        QTest::newRow("terminal") << true;
+        QTest::newRow("no terminal") << false;
+    }
+    void problemsThatStopDictationReachATerminal() {
+        QFETCH(bool, throughTerminal);
+        if (throughTerminal && !QFile::exists(QStringLiteral("/usr/bin/script")))
+            QSKIP("script(1) is needed to give the application a terminal");
+        QTemporaryDir home;
+        QString output;
+        runApplicationUntilEngineFails(home.path(), throughTerminal, output);
+        if (QTest::currentTestFailed())
+            return;
+        const QString told[] = {
+            QStringLiteral("Settings and data: ") + home.path() + QStringLiteral(", log: ") + home.path() +
+                QStringLiteral("/quorvane.log"),
+            QStringLiteral("The push-to-talk keys could not be armed"),
+            QStringLiteral("no whisper.cpp server at http://127.0.0.1:"),
+        };
+        for (const QString &line : told)
+            QVERIFY2(output.contains(line) == throughTerminal, qPrintable(output));
     }
 
     void applicationStartWritesDefaultsThenPreservesABadFile() {

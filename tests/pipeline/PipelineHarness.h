@@ -51,6 +51,11 @@ public:
         kit.notifier = notifier;
         kit.agentHandoff = agent;
         kit.repositoryContext = repositoryProvider;
+        kit.makeCapture = [this](const Config &settings) -> std::shared_ptr<AudioCapturing> {
+            if (settings.captureCommand)
+                return recorder;
+            return capture;
+        };
         pipeline = std::make_unique<Pipeline>(config, kit, scheduler, std::make_unique<Store>(data.path()),
                                               std::make_unique<Learner>(data.filePath("learned.json"), scheduler));
         pipeline->onStateChange = [this](const PipelineState &state) { states.append(state); };
@@ -135,6 +140,8 @@ public:
     ManualScheduler scheduler;
     Config config;
     std::shared_ptr<FakeAudioCapture> capture = std::make_shared<FakeAudioCapture>();
+    // What a reload that sets captureCommand switches to.
+    std::shared_ptr<FakeAudioCapture> recorder = std::make_shared<FakeAudioCapture>();
     std::shared_ptr<RecordingInjector> injector = std::make_shared<RecordingInjector>();
     std::shared_ptr<FakeSelectionEditor> selection = std::make_shared<FakeSelectionEditor>();
     std::shared_ptr<FakeFrontmostApp> frontmost = std::make_shared<FakeFrontmostApp>();

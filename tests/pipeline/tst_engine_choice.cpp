@@ -1,10 +1,15 @@
 #include "ScriptedOnDeviceModel.h"
+#include "core/Paths.h"
 #include "formatting/FoundationModelFormatter.h"
 #include "formatting/OllamaFormatter.h"
 #include "formatting/PassthroughFormatter.h"
 #include "pipeline/EngineChoice.h"
+#include "pipeline/Verify.h"
 #include "speech/WhisperServerEngine.h"
 
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
 #include <QTest>
 
 namespace {
@@ -32,7 +37,14 @@ Q_DECLARE_METATYPE(Native)
 class TestEngineChoice : public QObject {
     Q_OBJECT
 
+    QTemporaryDir m_home;
+
 private slots:
+    void initTestCase() {
+        QVERIFY(m_home.isValid());
+        qputenv("QUORVANE_HOME", m_home.path().toUtf8());
+    }
+
     void settingsAndPlatformDecide_data() {
         QTest::addColumn<AsrKind>("asr");
         QTest::addColumn<Native>("native");
@@ -115,6 +127,44 @@ private slots:
             QCOMPARE(ollama->endpoint(), QUrl(QStringLiteral("http://localhost:11500")));
             QCOMPARE(ollama->model(), QStringLiteral("llama3.2:latest"));
         }
+    }
+
+    // The transcribe check runs the platform's own stack, not what the user configured.
+    void transcribeCheckPrefersThePlatformsOwnStack_data() {
+        QTest::addColumn<bool>("nativeAsr");
+        QTest::addColumn<bool>("nativeModel");
+        QTest::newRow("both on device") << true << true;
+        QTest::newRow("model only") << false << true;
+        QTest::newRow("neither: the settings' choice") << false << false;
+    }
+    void transcribeCheckPrefersThePlatformsOwnStack() {
+        QFETCH(bool, nativeAsr);
+        QFETCH(bool, nativeModel);
+        const QJsonObject settings{
+            {"asr", "whisperServer"}, {"formatter", "none"}, {"whisperEndpoint", "http://localhost:9123"}};
+        QFile file(Paths::file(QStringLiteral("config.json")));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(QJsonDocument(settings).toJson());
+        file.close();
+        Verify::NativeEngines native;
+        if (nativeAsr)
+            native.asr = [] { return std::make_unique<OnDeviceEngine>(); };
+        if (nativeModel)
+            native.formatter = [] {
+                return std::make_unique<FoundationModelFormatter>(std::make_shared<ScriptedOnDeviceModel>());
+            };
+        const Verify::Engines engines = Verify::chooseEngines(QStringLiteral("pt-BR"), native);
+        if (nativeAsr) {
+            QCOMPARE(engines.asr->name(), QStringLiteral("on-device"));
+        } else {
+            const auto *whisper = dynamic_cast<const WhisperServerEngine *>(engines.asr.get());
+            QVERIFY(whisper);
+            QCOMPARE(whisper->endpoint(), QUrl(QStringLiteral("http://localhost:9123")));
+            QCOMPARE(whisper->language(), QStringLiteral("pt-BR"));
+        }
+        QCOMPARE(dynamic_cast<const FoundationModelFormatter *>(engines.formatter.get()) != nullptr, nativeModel);
+        if (!nativeModel)
+            QCOMPARE(engines.formatter->name(), QStringLiteral("None (raw transcript)"));
     }
 };
 

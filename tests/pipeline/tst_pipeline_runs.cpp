@@ -24,6 +24,8 @@ const QString kPrompt = QStringLiteral("Goal:\n") + kRequest +
                                        "api/client.ts has a retry.");
 // A reply that arrives long after any budget.
 const QString kTimeout = QStringLiteral("<timeout>");
+// No model at all: the formatter setting is none.
+const QString kNoModel = QStringLiteral("<no model>");
 
 void replyOrStall(PipelineHarness &h, const QString &reply, const QString &stalled) {
     h.reply(reply == kTimeout ? stalled : reply, reply == kTimeout ? 10000 : 0);
@@ -163,6 +165,37 @@ private slots:
         QCOMPARE(h.modelRequestCount(), 0);
     }
 
+    // Near-silence gives stock phrases nobody said; they are not typed.
+    void nearSilence_data() {
+        QTest::addColumn<QString>("transcript");
+        QTest::addColumn<float>("level");
+        QTest::addColumn<bool>("typed");
+        QTest::newRow("thanks in near-silence") << "Thank you." << 0.005f << false;
+        QTest::newRow("stock phrases only") << "Thanks for watching! you" << 0.005f << false;
+        QTest::newRow("blank marker") << "[BLANK_AUDIO]" << 0.0f << false;
+        QTest::newRow("words of its own") << "Thank you for the report." << 0.005f << true;
+        QTest::newRow("thanks said aloud") << "Thank you." << 0.2f << true;
+    }
+    void nearSilence() {
+        QFETCH(QString, transcript);
+        QFETCH(float, level);
+        QFETCH(bool, typed);
+        PipelineHarness h;
+        h.config.formatter = FormatterKind::none;
+        h.capture->setPreRoll(std::vector<float>(1600, -level));
+        h.build();
+        h.transcript(transcript);
+        QVERIFY(h.press(h.dictationKey));
+        h.capture->deliver(std::vector<float>(8000, level));
+        h.scheduler.advance(1000);
+        h.dictationKey.release();
+        QVERIFY(h.settle());
+        QCOMPARE(h.kind(), Kind::idle);
+        QCOMPARE(h.injector->injected.size(), typed ? 1 : 0);
+        QCOMPARE(h.loggedStartingWith(QStringLiteral("INFO Nothing was said")), !typed);
+        QVERIFY(h.notifier->notices.isEmpty());
+    }
+
     void recognitionWithoutText() {
         PipelineHarness h;
         h.ready();
@@ -232,7 +265,7 @@ private slots:
                                                  "casual, improve clarity, turn into bullet points."};
         QTest::newRow("nothing selected")
             << "fix grammar" << false << "" << false << ""
-            << Notice{"Edit in Place", "The original selection is no longer available. Nothing was replaced."};
+            << Notice{"Edit in Place", "Select text first, then hold the Edit in Place key. Nothing was replaced."};
         QTest::newRow("timed out") << "fix grammar" << true << kTimeout << false
                                    << "WARN Selected-text rewrite exceeded its 2500 ms budget."
                                    << Notice{"Rewrite timed out", "The original text was left unchanged."};
@@ -294,6 +327,7 @@ private slots:
         QTest::newRow("typed into the focused app") << false << kPrompt << false << QStringList{} << Kind::idle;
         // 1,800 ms base, below the 2,500 ms formatter timeout; the verbatim fallback may still be typed.
         QTest::newRow("timed out, typed") << false << kTimeout << false << QStringList{simplified} << Kind::idle;
+        QTest::newRow("no model, typed verbatim") << false << kNoModel << false << QStringList{} << Kind::idle;
         QTest::newRow("handed off") << true << kPrompt << false << QStringList{} << Kind::idle;
         QTest::newRow("handoff fails") << true << kPrompt << true << QStringList{"Prompt copied instead"}
                                        << Kind::error;
@@ -320,9 +354,12 @@ private slots:
         if (agentFails)
             h.agent->failure =
                 QuorvaneError::agentHandoffFailed(QStringLiteral("the agent did not become ready in Terminal"));
+        if (reply == kNoModel)
+            h.config.formatter = FormatterKind::none;
         h.ready();
         h.transcript(kRequest);
-        replyOrStall(h, reply, kPrompt);
+        if (reply != kNoModel)
+            replyOrStall(h, reply, kPrompt);
         QVERIFY(h.hold(h.promptKey));
         if (reply == kTimeout)
             QVERIFY(h.modelAsked() && h.expiresAfter(1800));
@@ -337,6 +374,8 @@ private slots:
         QVERIFY2(prompt.startsWith(QStringLiteral("Goal:")) && prompt.contains(kRequest), qPrintable(prompt));
         const bool handedOff = toAgent && titles.isEmpty();
         QCOMPARE(h.agent->handoffs.size(), handedOff ? 1 : 0);
+        if (reply == kNoModel)
+            QCOMPARE(h.modelRequestCount(), 0);
         if (handedOff) {
             QCOMPARE(h.agent->handoffs.first().agent, AgentKind::claude);
             QCOMPARE(h.agent->handoffs.first().repository.name, QStringLiteral("webshop"));
