@@ -171,5 +171,5 @@ void MacAudioCapture::close() {
 }
 
 bool MacAudioCapture::isRunning() {
-    return m_engine->engine.isRunning;
+    return [m_engine->engine isRunning];
 }
