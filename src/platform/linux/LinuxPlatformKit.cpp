@@ -3,10 +3,14 @@
 #include "platform/FocusedDocumentSource.h"
 #include "platform/HotkeyBackend.h"
 #include "platform/PresentingNotifier.h"
+#include "platform/PushToTalkHotkey.h"
+#include "platform/WarmMicrophone.h"
 #include "platform/linux/FreedesktopNotifications.h"
 #include "platform/linux/LinuxAppRules.h"
 #include "platform/linux/ProcProcessTreeSource.h"
+#include "platform/linux/PulseAudioBackend.h"
 #include "platform/linux/X11FrontmostApp.h"
+#include "platform/linux/X11HotkeyBackend.h"
 #include "repository/RepositoryContextProvider.h"
 
 #include <QGuiApplication>
@@ -34,6 +38,11 @@ PlatformKit makePlatformKit(const Config &config) {
     kit.notifier = notifier;
 
     if (hasX11Desktop()) {
+        kit.hotkey = [](PushToTalkKey key) -> std::unique_ptr<GlobalHotkey> {
+            return std::make_unique<PushToTalkHotkey>(key, std::make_shared<X11HotkeyBackend>());
+        };
+        kit.makeCapture = PlatformKit::captureFactory(
+            std::make_shared<WarmMicrophone>(std::make_shared<PulseAudioBackend>()));
         kit.frontmostApp = std::make_shared<X11FrontmostApp>();
     }
     kit.capture = kit.makeCapture(config);

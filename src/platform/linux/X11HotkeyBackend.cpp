@@ -1,5 +1,7 @@
 #include "platform/linux/X11HotkeyBackend.h"
 
+#include "platform/linux/X11Errors.h"
+
 #include <X11/Xlib.h>
 #include <X11/extensions/XInput2.h>
 #include <array>
@@ -71,6 +73,7 @@ struct X11HotkeyBackend::Connection {
     Connection &operator=(const Connection &) = delete;
 
     static std::unique_ptr<Connection> open() {
+        X11Errors::installTolerantHandler();
         Display *display = XOpenDisplay(nullptr);
         return display ? std::make_unique<Connection>(display) : nullptr;
     }
