@@ -17,13 +17,16 @@
 #include <atomic>
 #include <cmath>
 #include <mutex>
-#include <sphinxbase/err.h>
 #include <pocketsphinx.h>
+#include <sphinxbase/cmn.h>
+#include <sphinxbase/err.h>
+#include <sphinxbase/feat.h>
 #include <vector>
 
 namespace {
 
-constexpr int kMaxAlternatives = 10;
+// Distinct word strings; the list repeats hypotheses that differ only in timing.
+constexpr int kMaxAlternatives = 50;
 constexpr qsizetype kMaxContextualStrings = 40;
 // Long enough for real compounds, short enough that the split search stays trivial.
 constexpr qsizetype kMaxComposedLength = 32;
@@ -52,7 +55,8 @@ QString cleanHypothesis(const char *hyp) {
         return {};
     QStringList words;
     for (QString word : QString::fromUtf8(hyp).split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
-        if (word.startsWith(QLatin1Char('<')) || word.startsWith(QLatin1Char('[')) || word.startsWith(QLatin1String("++")))
+        if (word.startsWith(QLatin1Char('<')) || word.startsWith(QLatin1Char('[')) ||
+            word.startsWith(QLatin1String("++")))
             continue;
         if (const qsizetype paren = word.indexOf(QLatin1Char('(')); paren > 0)
             word.truncate(paren);
@@ -116,17 +120,20 @@ public:
         const QString lm = dir.filePath(QStringLiteral("en-us.lm.bin"));
         const QString dict = dir.filePath(QStringLiteral("cmudict-en-us.dict"));
         if (!QFileInfo(hmm + QStringLiteral("/mdef")).isFile() || !QFileInfo(lm).isFile() || !QFileInfo(dict).isFile())
-            throw QuorvaneError::speechModelUnavailable(QStringLiteral("no English speech model in ") + m_modelDirectory +
+            throw QuorvaneError::speechModelUnavailable(QStringLiteral("no English speech model in ") +
+                                                        m_modelDirectory +
                                                         QStringLiteral(". Install it with: sudo apt install "
                                                                        "pocketsphinx-en-us"));
         silenceDecoderLog();
         const QByteArray hmmPath = hmm.toLocal8Bit(), lmPath = lm.toLocal8Bit(), dictPath = dict.toLocal8Bit();
-        m_config = cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", hmmPath.constData(), "-lm", lmPath.constData(), "-dict",
-                               dictPath.constData(), nullptr);
+        m_config = cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", hmmPath.constData(), "-lm", lmPath.constData(),
+                               "-dict", dictPath.constData(), nullptr);
         m_ps = m_config ? ps_init(m_config) : nullptr;
         if (!m_ps)
-            throw QuorvaneError::speechModelUnavailable(QStringLiteral("the PocketSphinx model in ") + m_modelDirectory +
-                                                        QStringLiteral(" could not be loaded"));
+            throw QuorvaneError::speechModelUnavailable(QStringLiteral("the PocketSphinx model in ") +
+                                                        m_modelDirectory + QStringLiteral(" could not be loaded"));
+        const cmn_t *cmn = ps_get_feat(m_ps)->cmn_struct;
+        m_initialCmn.assign(cmn->cmn_mean, cmn->cmn_mean + cmn->veclen);
         loaded = true;
         return true;
     }
@@ -136,6 +143,9 @@ public:
         m_hints = hints;
         m_failure.clear();
         teachCompounds(hints);
+        // The decoder adapts its channel estimate from utterance to utterance; starting each one from
+        // the model's own makes a cancelled or noisy take unable to colour the next.
+        cmn_live_set(ps_get_feat(m_ps)->cmn_struct, m_initialCmn.data());
         if (ps_start_utt(m_ps) < 0) {
             m_failure = QStringLiteral("the PocketSphinx decoder could not start an utterance");
             return;
@@ -192,8 +202,11 @@ private:
     QStringList alternatives() {
         QStringList texts;
         ps_nbest_t *nbest = ps_nbest(m_ps);
-        while (nbest && texts.size() < kMaxAlternatives) {
-            texts.append(cleanHypothesis(ps_nbest_hyp(nbest, nullptr)));
+        // A bound on hypotheses read, not only kept, so a long utterance cannot stall the release.
+        for (int read = 0; nbest && texts.size() < kMaxAlternatives && read < 8 * kMaxAlternatives; ++read) {
+            const QString text = cleanHypothesis(ps_nbest_hyp(nbest, nullptr));
+            if (!texts.contains(text))
+                texts.append(text);
             nbest = ps_nbest_next(nbest);
         }
         if (nbest)
@@ -231,6 +244,7 @@ private:
     const QString m_modelDirectory;
     cmd_ln_t *m_config = nullptr;
     ps_decoder_t *m_ps = nullptr;
+    std::vector<mfcc_t> m_initialCmn;
     bool m_open = false;
     quint64 m_utterance = 0;
     QStringList m_hints;
@@ -275,7 +289,8 @@ QCoro::Task<void> PocketSphinxEngine::beginUtterance(QStringList contextualStrin
 
 void PocketSphinxEngine::append(const AudioChunk &chunk) {
     const quint64 utterance = m_decoder->generation.load();
-    Decoder::post(m_decoder, [utterance, samples = chunk.samples](Decoder &decoder) { decoder.feed(utterance, samples); });
+    Decoder::post(m_decoder,
+                  [utterance, samples = chunk.samples](Decoder &decoder) { decoder.feed(utterance, samples); });
 }
 
 QCoro::Task<QString> PocketSphinxEngine::finishUtterance() {

@@ -40,8 +40,8 @@ public:
 
     // The pronunciation of a word the dictionary lacks, made of the dictionary words it is written
     // as ("nightwatch" from night + watch), fewest pieces first; nothing when it cannot be built.
-    static std::optional<QString> composedPronunciation(const QString &word,
-                                                        const std::function<std::optional<QString>(const QString &)> &lookup);
+    static std::optional<QString>
+    composedPronunciation(const QString &word, const std::function<std::optional<QString>(const QString &)> &lookup);
 
     class Decoder;
 
