@@ -67,7 +67,16 @@ QCoro::Task<int> run(QString wavPath, QString locale, NativeEngines native) {
     Config settings = Config::load(Paths::file(QStringLiteral("config.json")));
     settings.locale = locale;
     std::unique_ptr<AsrEngine> engine = makeAsr(settings, native.asr);
-    std::unique_ptr<TextFormatter> formatter = makeFormatter(settings, native.formatter);
+    std::unique_ptr<TextFormatter> formatter;
+    if (settings.formatter == FormatterKind::appleFoundation) {
+        // Where the platform has no on-device model the check runs without formatting, rather than
+        // failing on a server the user never set up.
+        formatter = native.formatter ? native.formatter() : nullptr;
+        if (!formatter)
+            formatter = std::make_unique<PassthroughFormatter>();
+    } else {
+        formatter = makeFormatter(settings, native.formatter);
+    }
 
     Store store(Paths::root());
     store.ensureVocabularyFile();

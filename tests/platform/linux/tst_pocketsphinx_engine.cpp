@@ -1,4 +1,5 @@
 #include "LogRecorder.h"
+#include "QuorvaneProcess.h"
 #include "benchmark/SpeechBenchmarkMetrics.h"
 #include "core/Async.h"
 #include "core/QuorvaneError.h"
@@ -220,6 +221,19 @@ private slots:
         }
         QVERIFY2(!plain.contains(phraseChosen), qPrintable(plain));
         QVERIFY2(hinted.contains(phraseChosen), qPrintable(hinted));
+    }
+
+    // A fresh install with no servers: the default settings dictate with this engine.
+    void transcribeWorksWithNothingSetUp() {
+        QTemporaryDir home;
+        const QString id = QStringLiteral("sense_and_sensibility_01_austen_64kb-0930");
+        const QuorvaneRun run =
+            runQuorvane(home.path(), {QStringLiteral("transcribe"), kLibrivox + id + QStringLiteral(".wav")});
+        QVERIFY2(run.exitCode == 0, qPrintable(run.out + run.err));
+        static const QRegularExpression raw(QStringLiteral("raw ASR    : \"(.*)\""));
+        const auto match = raw.match(run.out);
+        QVERIFY2(match.hasMatch(), qPrintable(run.out));
+        QVERIFY2(wer(librivox(id).reference, match.captured(1)) <= 0.4, qPrintable(run.out));
     }
 
     void preparationNamesWhatIsMissing_data() {
