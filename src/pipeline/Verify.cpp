@@ -49,7 +49,7 @@ QString quoted(const QString &text) {
 Engines chooseEngines(const QString &locale, const NativeEngines &native) {
     Engines engines;
     if (native.asr)
-        engines.asr = native.asr();
+        engines.asr = native.asr(locale);
     if (native.formatter)
         engines.formatter = native.formatter();
     if (!engines.asr || !engines.formatter) {
@@ -57,8 +57,12 @@ Engines chooseEngines(const QString &locale, const NativeEngines &native) {
         settings.locale = locale;
         if (!engines.asr)
             engines.asr = makeAsr(settings, {});
+        // Where the platform has no on-device model the check runs without formatting, rather than
+        // failing on a server the user never set up.
         if (!engines.formatter)
-            engines.formatter = makeFormatter(settings, {});
+            engines.formatter = settings.formatter == FormatterKind::appleFoundation
+                                    ? std::make_unique<PassthroughFormatter>()
+                                    : makeFormatter(settings, {});
     }
     return engines;
 }

@@ -65,8 +65,11 @@ private slots:
         int factoryCalls = 0;
         NativeAsrFactory factory;
         if (native != Native::none) {
-            factory = [&]() -> std::unique_ptr<AsrEngine> {
+            factory = [&](const QString &locale) -> std::unique_ptr<AsrEngine> {
                 ++factoryCalls;
+                // The engine is built for the configured language.
+                if (locale != config.locale)
+                    return nullptr;
                 if (native == Native::declines)
                     return nullptr;
                 return std::make_unique<OnDeviceEngine>();

@@ -7,6 +7,7 @@
 #include "platform/WarmMicrophone.h"
 #include "platform/linux/FreedesktopNotifications.h"
 #include "platform/linux/LinuxAppRules.h"
+#include "platform/linux/PocketSphinxEngine.h"
 #include "platform/linux/ProcProcessTreeSource.h"
 #include "platform/linux/PulseAudioBackend.h"
 #include "platform/linux/X11FrontmostApp.h"
@@ -46,6 +47,10 @@ PlatformKit makePlatformKit(const Config &config) {
         kit.frontmostApp = std::make_shared<X11FrontmostApp>();
     }
     kit.capture = kit.makeCapture(config);
+    // Speech with nothing to set up: a missing model or another language is reported when it prepares.
+    kit.nativeAsrEngine = [](const QString &locale) -> std::unique_ptr<AsrEngine> {
+        return std::make_unique<PocketSphinxEngine>(locale);
+    };
 
     // Wired last, against the frontmost-app service the kit ends up with; held weakly because the
     // kit, not the repository provider, owns it.
