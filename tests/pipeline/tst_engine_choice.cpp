@@ -151,7 +151,7 @@ private slots:
         file.close();
         Verify::NativeEngines native;
         if (nativeAsr)
-            native.asr = [] { return std::make_unique<OnDeviceEngine>(); };
+            native.asr = [](const QString &) { return std::make_unique<OnDeviceEngine>(); };
         if (nativeModel)
             native.formatter = [] {
                 return std::make_unique<FoundationModelFormatter>(std::make_shared<ScriptedOnDeviceModel>());
