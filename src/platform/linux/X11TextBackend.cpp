@@ -5,9 +5,12 @@
 #include "platform/linux/X11Errors.h"
 #include "platform/linux/X11Windows.h"
 
+#include <QAbstractNativeEventFilter>
 #include <QClipboard>
+#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QMimeData>
+#include <QWindow>
 #include <algorithm>
 #include <chrono>
 #include <poll.h>
@@ -15,9 +18,11 @@
 
 // Xlib's macros (None, Bool, KeyPress…) collide with Qt's names: it comes after every Qt header.
 #include <X11/XKBlib.h>
+#include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
 #include <X11/keysym.h>
+#include <xcb/xcb.h>
 
 namespace {
 
@@ -111,6 +116,25 @@ void sendChord(Display *display, const QList<KeyCode> &modifiers, KeyCode key) {
     XSync(display, False);
 }
 
+// Sees the property change made on our window reach Qt's connection.
+class PropertyChangeSeen final : public QAbstractNativeEventFilter {
+public:
+    explicit PropertyChangeSeen(Window window) : m_window(window) {}
+    bool nativeEventFilter(const QByteArray &type, void *message, qintptr *) override {
+        if (type != "xcb_generic_event_t")
+            return false;
+        const auto *event = static_cast<const xcb_generic_event_t *>(message);
+        if ((event->response_type & 0x7f) == XCB_PROPERTY_NOTIFY &&
+            static_cast<const xcb_property_notify_event_t *>(message)->window == m_window)
+            seen = true;
+        return false;
+    }
+    bool seen = false;
+
+private:
+    const Window m_window;
+};
+
 } // namespace
 
 X11TextBackend::PasteChord X11TextBackend::pasteChordFor(const QString &windowClass, const QString &windowInstance) {
@@ -128,6 +152,29 @@ X11TextBackend::X11TextBackend() {
             if (mode == QClipboard::Clipboard && !m_writing)
                 ++m_changeCount;
         });
+}
+
+// Qt claims the clipboard with the last server time it saw, and the server refuses a claim older
+// than the current owner's. We see no input on Qt's connection (the hotkey has its own), so after
+// the user copies elsewhere Qt's time is stale until it handles an event: give it one.
+void X11TextBackend::refreshQtServerTime() {
+    Display *x = display();
+    if (!x)
+        return;
+    if (!m_timeWindow) {
+        m_timeWindow = std::make_unique<QWindow>();
+        m_timeWindow->create();
+    }
+    PropertyChangeSeen filter(Window(m_timeWindow->winId()));
+    QCoreApplication::instance()->installNativeEventFilter(&filter);
+    XChangeProperty(x, Window(m_timeWindow->winId()), XInternAtom(x, "QUORVANE_SERVER_TIME", False), XA_STRING, 8,
+                    PropModeAppend, nullptr, 0);
+    XFlush(x);
+    QElapsedTimer waited;
+    waited.start();
+    while (!filter.seen && waited.elapsed() < 200)
+        QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents, 10);
+    QCoreApplication::instance()->removeNativeEventFilter(&filter);
 }
 
 X11TextBackend::~X11TextBackend() {
@@ -223,6 +270,7 @@ DesktopTextBackend::ClipboardSnapshot X11TextBackend::readClipboard() {
 bool X11TextBackend::writeText(const QString &text) {
     QClipboard *clipboard = QGuiApplication::clipboard();
     const bool primaryToo = chordForActiveWindow() == PasteChord::shiftInsert && clipboard->supportsSelection();
+    refreshQtServerTime();
     m_writing = true;
     auto *data = new QMimeData;
     data->setText(text);
@@ -239,6 +287,7 @@ bool X11TextBackend::writeText(const QString &text) {
 
 void X11TextBackend::writeClipboard(const ClipboardSnapshot &items) {
     QClipboard *clipboard = QGuiApplication::clipboard();
+    refreshQtServerTime();
     m_writing = true;
     if (items.isEmpty()) {
         clipboard->clear(QClipboard::Clipboard);

@@ -3,6 +3,9 @@
 #include "platform/DesktopTextBackend.h"
 
 #include <QMetaObject>
+#include <memory>
+
+class QWindow;
 
 struct _XDisplay;
 
@@ -33,6 +36,7 @@ private:
     _XDisplay *display();
     bool clipboardOwnerAnswers();
     PasteChord chordForActiveWindow();
+    void refreshQtServerTime();
 
     _XDisplay *m_display = nullptr;
     unsigned long m_probeWindow = 0;
@@ -42,4 +46,6 @@ private:
     // Our own writes are counted where they happen; Qt's notice of them must not count twice.
     bool m_writing = false;
     QMetaObject::Connection m_changed;
+    // Never shown: a property change on it hands Qt a fresh server time.
+    std::unique_ptr<QWindow> m_timeWindow;
 };

@@ -2,7 +2,8 @@
 // a password line edit ("password") and a text edit ("edit"). It reads commands from stdin, one per
 // line, and answers each with exactly one line on stdout ("ready" is printed once at start):
 //   focus <field>                    activate the window and give <field> the keyboard focus -> ok
-//   set <field> <text>               replace the field's text (rest of the line, may be empty) -> ok
+//   set <field> <text>               replace the field's text (rest of the line, may be empty; "\n"
+//                                    is a line break) -> ok
 //   select <field> <start> <length>  select that many characters from <start> -> ok
 //   text                             {"line": …, "password": …, "edit": …} as one JSON line
 //   copy <text>                      put <text> as text/plain and a 1x1 PNG on the clipboard -> ok
@@ -77,7 +78,7 @@ QByteArray run(QWidget &window, const Fields &fields, const QString &command) {
         return "ok";
     }
     if (verb == "set") {
-        const QString text = command.section(' ', 2);
+        const QString text = command.section(' ', 2).replace("\\n", "\n");
         if (auto *edit = qobject_cast<QLineEdit *>(field))
             edit->setText(text);
         else
