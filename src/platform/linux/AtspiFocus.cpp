@@ -60,8 +60,9 @@ Accessible findFocused(AtspiAccessible *node, int depth, int &visited) {
     return nullptr;
 }
 
-// Offsets through the Text interface are in characters (Unicode code points), both for the range
-// and for the text it selects; a snapshot is only ever compared with another read of this kind.
+// Ranges are AT-SPI text offsets: characters by the protocol, though some toolkits count UTF-16
+// units. The range and the text it selects come from the same offsets, and a snapshot is only
+// ever compared with another read of this kind, so the units agree either way.
 class AtspiElement final : public FocusedElement {
 public:
     explicit AtspiElement(Accessible accessible) : m_accessible(std::move(accessible)) {}

@@ -25,7 +25,12 @@ struct ToolRun {
 ToolRun runTool(const QString &program, const QStringList &arguments) {
     QProcess process;
     process.start(program, arguments);
-    if (!process.waitForFinished(5000))
+    // Serve our own clipboard while the tool may be reading it.
+    QElapsedTimer waited;
+    waited.start();
+    while (!process.waitForFinished(10) && waited.elapsed() < 5000)
+        QCoreApplication::processEvents();
+    if (process.state() != QProcess::NotRunning)
         return {};
     return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1, process.readAllStandardOutput()};
 }
