@@ -132,12 +132,14 @@ private slots:
         }
     }
 
-    // The transcribe check runs the platform's own stack, not what the user configured.
+    // The transcribe check runs the platform's own stack, not what the user configured, where the
+    // platform has one.
     void transcribeCheckPrefersThePlatformsOwnStack_data() {
         QTest::addColumn<bool>("nativeAsr");
         QTest::addColumn<bool>("nativeModel");
         QTest::newRow("both on device") << true << true;
         QTest::newRow("model only") << false << true;
+        QTest::newRow("recogniser only: the settings' choice") << true << false;
         QTest::newRow("neither: the settings' choice") << false << false;
     }
     void transcribeCheckPrefersThePlatformsOwnStack() {
@@ -157,7 +159,7 @@ private slots:
                 return std::make_unique<FoundationModelFormatter>(std::make_shared<ScriptedOnDeviceModel>());
             };
         const Verify::Engines engines = Verify::chooseEngines(QStringLiteral("pt-BR"), native);
-        if (nativeAsr) {
+        if (nativeAsr && nativeModel) {
             QCOMPARE(engines.asr->name(), QStringLiteral("on-device"));
         } else {
             const auto *whisper = dynamic_cast<const WhisperServerEngine *>(engines.asr.get());

@@ -2,6 +2,7 @@
 
 #include "platform/FocusedDocumentSource.h"
 #include "platform/HotkeyBackend.h"
+#include "platform/PasteTextInjector.h"
 #include "platform/PresentingNotifier.h"
 #include "platform/PushToTalkHotkey.h"
 #include "platform/WarmMicrophone.h"
@@ -12,6 +13,7 @@
 #include "platform/linux/PulseAudioBackend.h"
 #include "platform/linux/X11FrontmostApp.h"
 #include "platform/linux/X11HotkeyBackend.h"
+#include "platform/linux/X11TextBackend.h"
 #include "repository/RepositoryContextProvider.h"
 
 #include <QGuiApplication>
@@ -45,6 +47,9 @@ PlatformKit makePlatformKit(const Config &config) {
         kit.makeCapture = PlatformKit::captureFactory(
             std::make_shared<WarmMicrophone>(std::make_shared<PulseAudioBackend>()));
         kit.frontmostApp = std::make_shared<X11FrontmostApp>();
+        auto injector = std::make_shared<PasteTextInjector>(std::make_shared<X11TextBackend>());
+        kit.injector = injector;
+        kit.selectionEditor = injector;
     }
     kit.capture = kit.makeCapture(config);
     // Speech with nothing to set up: a missing model or another language is reported when it prepares.
