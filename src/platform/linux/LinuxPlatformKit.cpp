@@ -44,8 +44,8 @@ PlatformKit makePlatformKit(const Config &config) {
         kit.hotkey = [](PushToTalkKey key) -> std::unique_ptr<GlobalHotkey> {
             return std::make_unique<PushToTalkHotkey>(key, std::make_shared<X11HotkeyBackend>());
         };
-        kit.makeCapture = PlatformKit::captureFactory(
-            std::make_shared<WarmMicrophone>(std::make_shared<PulseAudioBackend>()));
+        kit.makeCapture =
+            PlatformKit::captureFactory(std::make_shared<WarmMicrophone>(std::make_shared<PulseAudioBackend>()));
         kit.frontmostApp = std::make_shared<X11FrontmostApp>();
         auto injector = std::make_shared<PasteTextInjector>(std::make_shared<X11TextBackend>());
         kit.injector = injector;

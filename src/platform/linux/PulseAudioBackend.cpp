@@ -14,7 +14,7 @@ namespace {
 struct SourceRow {
     QString name;
     QString driver;
-    pa_sample_spec spec{};
+    pa_sample_spec format{};
 };
 
 struct ServerState {
@@ -163,14 +163,14 @@ struct PulseAudioBackend::Session {
 
     // Throws when the stream cannot be made or does not start.
     void record(double rate, const QString &source, bool pinned) {
-        const pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, uint32_t(rate), 1};
-        if (rate != double(spec.rate) || !pa_sample_spec_valid(&spec))
+        const pa_sample_spec format{PA_SAMPLE_FLOAT32LE, uint32_t(rate), 1};
+        if (rate != double(format.rate) || !pa_sample_spec_valid(&format))
             throw QuorvaneError(QuorvaneError::Case::audioFormatUnsupported,
                                 QStringLiteral("the sound server cannot record at %1 Hz").arg(rate));
         pa_channel_map mono;
         pa_channel_map_init_mono(&mono);
         pa_threaded_mainloop_lock(loop);
-        stream = pa_stream_new(context, "Dictation", &spec, &mono);
+        stream = pa_stream_new(context, "Dictation", &format, &mono);
         if (!stream) {
             const QString reason = lastError();
             pa_threaded_mainloop_unlock(loop);
@@ -190,7 +190,7 @@ struct PulseAudioBackend::Session {
         attributes.tlength = uint32_t(-1);
         attributes.prebuf = uint32_t(-1);
         attributes.minreq = uint32_t(-1);
-        attributes.fragsize = uint32_t(pa_usec_to_bytes(fragmentUsec, &spec));
+        attributes.fragsize = uint32_t(pa_usec_to_bytes(fragmentUsec, &format));
         // A chosen echo-cancelling source stays put: moving the stream elsewhere would quietly
         // drop the noise reduction it was picked for.
         const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | (pinned ? PA_STREAM_DONT_MOVE : 0));
@@ -238,7 +238,7 @@ AudioBackend::InputFormat PulseAudioBackend::inputFormat() {
         const ServerState state = Session::connect(m_server)->serverState();
         for (const SourceRow &source : state.sources)
             if (source.name == state.defaultSource)
-                return {double(source.spec.rate), int(source.spec.channels)};
+                return {double(source.format.rate), int(source.format.channels)};
     } catch (const QuorvaneError &) {
     }
     return {};

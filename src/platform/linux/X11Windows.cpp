@@ -78,10 +78,10 @@ std::optional<Class> classOf(Display *display, unsigned long window) {
 std::optional<qint32> processOf(Display *display, unsigned long window) {
     int eventBase = 0, errorBase = 0;
     if (XResQueryExtension(display, &eventBase, &errorBase)) {
-        XResClientIdSpec spec{window, XRES_CLIENT_ID_PID_MASK};
+        XResClientIdSpec query{window, XRES_CLIENT_ID_PID_MASK};
         long count = 0;
         XResClientIdValue *values = nullptr;
-        if (XResQueryClientIds(display, 1, &spec, &count, &values) == Success) {
+        if (XResQueryClientIds(display, 1, &query, &count, &values) == Success) {
             std::optional<qint32> pid;
             for (long i = 0; i < count && !pid; ++i)
                 if (const pid_t found = XResGetClientPid(&values[i]); found > 0)
