@@ -55,7 +55,7 @@ struct Shell {
         QFile::remove(Paths::file(QStringLiteral("config.json")));
         PlatformKit kit;
         kit.capture = capture;
-        kit.nativeAsrEngine = [this] {
+        kit.nativeAsrEngine = [this](const QString &) {
             ++builds;
             return std::make_unique<IdleAsr>();
         };
