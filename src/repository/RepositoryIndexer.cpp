@@ -377,18 +377,22 @@ RepositoryContext RepositoryIndexer::indexListed(const QString &root, const QStr
 bool RepositoryIndexer::isExcluded(const QString &relativePath) {
     if (relativePath.startsWith(QLatin1Char('/')))
         return true;
-    const QStringList components = relativePath.split(QLatin1Char('/'), Qt::SkipEmptyParts);
-    if (components.isEmpty())
-        return true;
-    for (const QString &component : components) {
-        if (excludedDirectories().contains(Text::lower(component)))
-            return true;
+    QStringView last;
+    // Compared in place, without a lower-cased copy of every component of every tracked path.
+    for (const QStringView component : QStringView(relativePath).split(QLatin1Char('/'), Qt::SkipEmptyParts)) {
+        for (const QString &name : excludedDirectories()) {
+            if (component.size() == name.size() && component.compare(name, Qt::CaseInsensitive) == 0)
+                return true;
+        }
+        last = component;
     }
-    const QString last = Text::lower(components.last());
-    if (excludedFileNames().contains(last) || last.startsWith(QLatin1String(".env.")))
+    if (last.isEmpty())
+        return true;
+    const QString lowered = last.toString().toLower();
+    if (excludedFileNames().contains(lowered) || lowered.startsWith(QLatin1String(".env.")))
         return true;
     return std::any_of(excludedSuffixes().cbegin(), excludedSuffixes().cend(),
-                       [&last](const QString &suffix) { return last.endsWith(suffix); });
+                       [&lowered](const QString &suffix) { return lowered.endsWith(suffix); });
 }
 
 std::optional<QString> RepositoryIndexer::containedRepositoryFile(const QString &relativePath,
