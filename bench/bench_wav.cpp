@@ -22,7 +22,7 @@ namespace {
 constexpr int kRate = 48000;
 constexpr int kChannels = 2;
 constexpr double kSeconds = 3600;
-constexpr int kRepeats = 3;
+constexpr int kRepeats = 7;
 
 QByteArray makeWav() {
     const qint64 frames = qint64(kRate * kSeconds);
@@ -58,16 +58,27 @@ QByteArray makeWav() {
     return wav;
 }
 
-// The best of a few runs, in seconds.
-double timeBest(const std::function<void()> &work) {
-    double best = 1e300;
+struct Timing {
+    double min;
+    double median;
+};
+
+// The fastest and the median of several runs, in seconds: one run alone says little on a shared machine.
+Timing timeRuns(const std::function<void()> &work) {
+    std::vector<double> runs;
     for (int i = 0; i < kRepeats; ++i) {
         const auto start = std::chrono::steady_clock::now();
         work();
         const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-        best = std::min(best, elapsed.count());
+        runs.push_back(elapsed.count());
     }
-    return best;
+    std::sort(runs.begin(), runs.end());
+    return {runs.front(), runs[runs.size() / 2]};
+}
+
+void print(const char *what, double audioSeconds, const Timing &timing, const char *note) {
+    std::printf("%-11s %10.0f s of audio per second (min %.3f s, median %.3f s%s)\n", what,
+                audioSeconds / timing.median, timing.min, timing.median, note);
 }
 
 #ifdef QUORVANE_HAVE_SNDFILE
@@ -138,23 +149,22 @@ int main() {
     std::printf("file: %.1f MB\n", double(wav.size()) / 1e6);
 
     WavDecoder::Decoded decoded;
-    const double decodeTime = timeBest([&] { decoded = WavDecoder::decode(wav); });
+    const Timing decodeTime = timeRuns([&] { decoded = WavDecoder::decode(wav); });
     const double audioSeconds = double(decoded.samples.size()) / decoded.sampleRate;
-    std::printf("decode:     %10.0f s of audio per second (%.3f s)\n", audioSeconds / decodeTime, decodeTime);
+    print("decode:", audioSeconds, decodeTime, "");
 
     std::vector<float> resampled;
-    const double resampleTime =
-        timeBest([&] { resampled = LinearAudioResampler::resample(decoded.samples, decoded.sampleRate, 16000); });
-    std::printf("resample:   %10.0f s of audio per second (%.3f s, 48 kHz to 16 kHz, %zu samples)\n",
-                audioSeconds / resampleTime, resampleTime, resampled.size());
+    const Timing resampleTime =
+        timeRuns([&] { resampled = LinearAudioResampler::resample(decoded.samples, decoded.sampleRate, 16000); });
+    print("resample:", audioSeconds, resampleTime, ", 48 kHz to 16 kHz");
     resampled = {};
 
 #ifdef QUORVANE_HAVE_SNDFILE
     std::vector<float> reference;
-    const double sndfileTime = timeBest([&] { reference = decodeWithSndfile(wav); });
-    std::printf("libsndfile: %10.0f s of audio per second (%.3f s, same decode)\n", audioSeconds / sndfileTime,
-                sndfileTime);
-    std::printf("decoder / libsndfile throughput: %.2f\n", sndfileTime / decodeTime);
+    const Timing sndfileTime = timeRuns([&] { reference = decodeWithSndfile(wav); });
+    print("libsndfile:", audioSeconds, sndfileTime, ", same decode");
+    std::printf("decoder / libsndfile throughput: %.2f by the fastest runs, %.2f by the medians (%d runs each)\n",
+                sndfileTime.min / decodeTime.min, sndfileTime.median / decodeTime.median, kRepeats);
     if (reference != decoded.samples) {
         std::printf("MISMATCH: libsndfile and WavDecoder disagree\n");
         return 1;

@@ -64,6 +64,9 @@ BenchmarkOptions BenchmarkOptions::parse(const QStringList &arguments) {
             if (!url.isValid() || url.host().isEmpty())
                 throw UsageError(
                     QStringLiteral("--endpoint \"%1\" is not a URL such as http://127.0.0.1:8080.").arg(value));
+            if (url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) == 0)
+                throw UsageError(
+                    QStringLiteral("--endpoint %1: local speech servers are reached over plain http only.").arg(value));
             // Recordings and transcripts never leave the machine.
             if (!LocalServiceEndpoint::isAllowed(url))
                 throw UsageError(QStringLiteral("--endpoint %1 is not on this machine: the benchmark only talks to a "

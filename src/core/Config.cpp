@@ -68,6 +68,22 @@ std::optional<bool> readBool(const QJsonObject &object, const char *key) {
     return value.isBool() ? std::optional<bool>(value.toBool()) : std::nullopt;
 }
 
+std::optional<QString> readString(const QJsonObject &object, const char *key);
+
+// A local endpoint, or the default. https is refused here, with its reason, rather than later by a
+// client that could only report the server as missing.
+QString readEndpoint(const QJsonObject &object, const char *key, const QString &fallback) {
+    const QString value = readString(object, key).value_or(fallback);
+    const QUrl url(value, QUrl::StrictMode);
+    if (url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) == 0) {
+        Log::warn(QStringLiteral("Settings: %1 %2 is not used because local servers are reached over plain http "
+                                 "only; using %3.")
+                      .arg(QLatin1String(key), value, fallback));
+        return fallback;
+    }
+    return LocalServiceEndpoint::resolve(value, fallback).toString();
+}
+
 std::optional<QString> readString(const QJsonObject &object, const char *key) {
     const QJsonValue value = object.value(QLatin1String(key));
     return value.isString() ? std::optional<QString>(value.toString()) : std::nullopt;
@@ -237,13 +253,8 @@ Config Config::fromJson(const QJsonObject &o) {
     c.asr = readEnum<AsrKind>(o, "asr").value_or(AsrKind::appleSpeech);
     c.formatter = readEnum<FormatterKind>(o, "formatter").value_or(FormatterKind::appleFoundation);
     c.ollamaModel = readString(o, "ollamaModel").value_or(c.ollamaModel);
-    c.ollamaEndpoint = LocalServiceEndpoint::resolve(readString(o, "ollamaEndpoint").value_or(defaultOllamaEndpoint()),
-                                                     defaultOllamaEndpoint())
-                           .toString();
-    c.whisperEndpoint =
-        LocalServiceEndpoint::resolve(readString(o, "whisperEndpoint").value_or(defaultWhisperEndpoint()),
-                                      defaultWhisperEndpoint())
-            .toString();
+    c.ollamaEndpoint = readEndpoint(o, "ollamaEndpoint", defaultOllamaEndpoint());
+    c.whisperEndpoint = readEndpoint(o, "whisperEndpoint", defaultWhisperEndpoint());
     c.locale = readString(o, "locale").value_or(c.locale);
     c.voiceProcessingEnabled = readBool(o, "voiceProcessingEnabled").value_or(true);
     c.captureCommand = readStringList(o, "captureCommand");

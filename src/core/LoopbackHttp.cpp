@@ -2,6 +2,7 @@
 
 #include <QCoro/QCoroAbstractSocket>
 #include <QCoro/QCoroSignal>
+#include <QDeadlineTimer>
 #include <QJsonParseError>
 #include <QNetworkProxy>
 #include <QTcpSocket>
@@ -196,7 +197,7 @@ struct Attempt {
     bool unanswered = false;
 };
 
-// The texts are Qt's own for the same failures, so what users and logs see is as before.
+// The texts are Qt's own for the same failures.
 Attempt failure(QNetworkReply::NetworkError code, const QString &text, bool unanswered = false) {
     Attempt attempt;
     attempt.code = code;
@@ -205,9 +206,10 @@ Attempt failure(QNetworkReply::NetworkError code, const QString &text, bool unan
     return attempt;
 }
 
-Attempt timedOut() {
-    // A transfer time-out is reported as a cancelled operation, as before.
-    return failure(QNetworkReply::OperationCanceledError, QStringLiteral("Operation canceled"));
+Attempt timedOut(int timeoutMs) {
+    const QString limit = timeoutMs % 1000 == 0 ? QStringLiteral("%1 seconds").arg(timeoutMs / 1000)
+                                                : QStringLiteral("%1 ms").arg(timeoutMs);
+    return failure(QNetworkReply::TimeoutError, QStringLiteral("the server did not answer within ") + limit);
 }
 
 Attempt connectFailure(const QTcpSocket &socket, const QString &host) {
@@ -229,16 +231,20 @@ struct SocketDeleter {
 };
 
 QCoro::Task<Attempt> attempt(const Target &target, int timeoutMs) {
-    // As with Qt's transfer time-out, 0 means none.
-    const std::chrono::milliseconds timeout(timeoutMs > 0 ? timeoutMs : -1);
+    // The limit is on the whole exchange: a server that takes the request and never answers is given
+    // up on once, however the upload went. As with Qt's transfer time-out, 0 means none.
+    const QDeadlineTimer deadline(timeoutMs > 0 ? qint64(timeoutMs) : qint64(-1));
+    const auto remaining = [&deadline] {
+        return std::chrono::milliseconds(deadline.isForever() ? -1 : std::max<qint64>(deadline.remainingTime(), 1));
+    };
     std::unique_ptr<QTcpSocket, SocketDeleter> socket(new QTcpSocket);
     socket->setProxy(QNetworkProxy::NoProxy);
     socket->connectToHost(target.host, target.port);
     while (socket->state() == QAbstractSocket::HostLookupState || socket->state() == QAbstractSocket::ConnectingState) {
         // The state changes on success and on failure alike; a refusal must not wait out the time-out.
-        const auto changed = co_await qCoro(socket.get(), &QAbstractSocket::stateChanged, timeout);
-        if (!changed)
-            co_return timedOut();
+        const auto changed = co_await qCoro(socket.get(), &QAbstractSocket::stateChanged, remaining());
+        if (!changed || deadline.hasExpired())
+            co_return timedOut(timeoutMs);
     }
     if (socket->state() != QAbstractSocket::ConnectedState)
         co_return connectFailure(*socket, target.host);
@@ -261,12 +267,9 @@ QCoro::Task<Attempt> attempt(const Target &target, int timeoutMs) {
         if (socket->state() != QAbstractSocket::ConnectedState)
             co_return failure(QNetworkReply::RemoteHostClosedError, QStringLiteral("Connection closed"),
                               !reader.started());
-        const qint64 unsent = socket->bytesToWrite();
-        const bool readable = co_await qCoro(socket.get()).waitForReadyRead(timeout);
-        // Only a wait in which nothing at all moved counts against the time-out.
-        if (!readable && socket->state() == QAbstractSocket::ConnectedState && socket->bytesAvailable() == 0 &&
-            socket->bytesToWrite() == unsent)
-            co_return timedOut();
+        if (deadline.hasExpired())
+            co_return timedOut(timeoutMs);
+        co_await qCoro(socket.get()).waitForReadyRead(remaining());
     }
 }
 
@@ -310,13 +313,14 @@ QCoro::Task<LoopbackHttp::Reply> exchange(QUrl url, QByteArray method, QByteArra
     target.host = url.host();
     target.port = static_cast<quint16>(url.port(80));
     target.requestBytes = requestBytes(url, method, contentType, body);
-    // A connection dropped before any answer is tried once more, as Qt's own client did: a server
-    // may close an idle connection just as the request arrives.
+    // A GET dropped before any answer is tried once more: a server may close an idle connection just
+    // as the request arrives. A POST is not, since the server may have run it (a second inference).
+    const int maxTries = method == "GET" ? 2 : 1;
     for (int tries = 1;; ++tries) {
         Attempt outcome = co_await attempt(target, timeoutMs);
         if (outcome.reply)
             co_return std::move(*outcome.reply);
-        if (!outcome.unanswered || tries == 2)
+        if (!outcome.unanswered || tries == maxTries)
             throw LoopbackHttp::TransportError(outcome.code, outcome.text);
     }
 }

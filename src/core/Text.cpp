@@ -64,6 +64,10 @@ QString upper(const QString &text) {
     return text.toUpper();
 }
 
+QString composed(const QString &text) {
+    return text.normalized(QString::NormalizationForm_C);
+}
+
 QString fold(const QString &text, int options) {
     QString result = text;
     if (options & WidthInsensitive) {
@@ -83,14 +87,15 @@ QString fold(const QString &text, int options) {
         QString stripped;
         stripped.reserve(decomposed.size());
         for (char32_t c : codePoints(decomposed)) {
-            if (QChar::category(c) != QChar::Mark_NonSpacing)
+            if (!QChar::isMark(c))
                 stripped += fromCodePoint(c);
         }
-        result = stripped.normalized(QString::NormalizationForm_C);
+        result = stripped;
     }
+    // Case-folding, unlike lower-casing, also unifies forms such as the final sigma.
     if (options & CaseInsensitive)
-        result = result.toLower();
-    return result;
+        result = result.toCaseFolded();
+    return composed(result);
 }
 
 qsizetype graphemeCount(const QString &text) {

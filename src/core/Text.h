@@ -20,9 +20,13 @@ QString trimmed(const QString &text);
 QString lower(const QString &text);
 QString upper(const QString &text);
 
+// The composed form (NFC): "é" and "e" + U+0301 are one text once they pass through here.
+QString composed(const QString &text);
+
 enum FoldOption { CaseInsensitive = 1, DiacriticInsensitive = 2, WidthInsensitive = 4 };
-// Folds the text for comparison: case (full lower-casing), diacritics (combining marks of the
+// Folds the text for comparison: case (Unicode case-fold), diacritics (every combining mark of the
 // canonical decomposition removed) and width (full-width and half-width forms mapped to normal).
+// The result is always composed, so texts differing only by composition fold alike.
 QString fold(const QString &text, int options = CaseInsensitive | DiacriticInsensitive | WidthInsensitive);
 
 // User-perceived characters (extended grapheme clusters).

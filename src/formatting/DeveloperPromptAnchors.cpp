@@ -37,7 +37,9 @@ const QList<QRegularExpression> &patterns() {
     return compiledPatterns;
 }
 
-QSet<QString> extract(const QString &text, const QStringList &vocabulary) {
+QSet<QString> extract(const QString &input, const QStringList &vocabulary) {
+    // Composed before matching: a combining accent would otherwise end a name early ("Rene" + U+0301).
+    const QString text = Text::composed(input);
     static const QString edgePunctuation = QStringLiteral(".,!?;:");
     QSet<QString> anchors;
     for (const QRegularExpression &pattern : patterns()) {

@@ -8,6 +8,8 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSet>
+#include <mutex>
 
 namespace {
 
@@ -26,16 +28,51 @@ QStringList modelNames(const QJsonDocument &document) {
     return names;
 }
 
-QByteArray generateBody(const QString &model, const QString &prompt, const QString &system, int maxTokens) {
+QByteArray generateBody(const QString &model, const QString &prompt, const QString &system, int maxTokens,
+                        bool sendThink) {
     const QJsonObject options{
         {QStringLiteral("temperature"), 0},
         {QStringLiteral("num_predict"), maxTokens},
     };
-    const QJsonObject body{
-        {QStringLiteral("model"), model},  {QStringLiteral("prompt"), prompt}, {QStringLiteral("system"), system},
-        {QStringLiteral("stream"), false}, {QStringLiteral("think"), false},   {QStringLiteral("options"), options},
+    QJsonObject body{
+        {QStringLiteral("model"), model},  {QStringLiteral("prompt"), prompt},   {QStringLiteral("system"), system},
+        {QStringLiteral("stream"), false}, {QStringLiteral("options"), options},
     };
+    if (sendThink)
+        body.insert(QStringLiteral("think"), false);
     return QJsonDocument(body).toJson(QJsonDocument::Compact);
+}
+
+// Servers 0.9.0 to 0.12.4 refuse even `think: false` for a model that cannot think. The pairs of
+// server and model known to do so, for the life of the process, so a reload does not ask again.
+class ThinkRefusals {
+public:
+    static bool contains(const QString &key) {
+        std::lock_guard lock(mutex());
+        return keys().contains(key);
+    }
+    static void insert(const QString &key) {
+        std::lock_guard lock(mutex());
+        keys().insert(key);
+    }
+
+private:
+    static std::mutex &mutex() {
+        static std::mutex instance;
+        return instance;
+    }
+    static QSet<QString> &keys() {
+        static QSet<QString> instance;
+        return instance;
+    }
+};
+
+bool refusesThinking(const LoopbackHttp::Reply &reply) {
+    if (reply.status != 400)
+        return false;
+    const QJsonDocument document = QJsonDocument::fromJson(reply.body);
+    const QJsonValue error = document.isObject() ? document.object().value(QLatin1String("error")) : QJsonValue();
+    return error.toString().endsWith(QLatin1String("does not support thinking"));
 }
 
 } // namespace
@@ -115,10 +152,22 @@ QCoro::Task<QString> OllamaFormatter::run(ModelRequest request) {
 }
 
 QCoro::Task<QString> OllamaFormatter::generate(QString prompt, QString system, int maxTokens) {
-    // Nothing of `this` is touched once the request has left.
-    const LoopbackHttp::Reply reply =
-        co_await m_http.post(LoopbackHttp::appendPath(m_endpoint, QStringLiteral("api/generate")), "application/json",
-                             generateBody(m_model, prompt, system, maxTokens), kGenerateTimeoutMs);
+    // Nothing of `this` is touched once the request has left: copies and a client of our own.
+    const QUrl url = LoopbackHttp::appendPath(m_endpoint, QStringLiteral("api/generate"));
+    const QString model = m_model;
+    const QString server = m_endpoint.toString(QUrl::FullyEncoded);
+    const QString key = server + QLatin1Char(' ') + model;
+    LoopbackHttp http;
+    bool sendThink = !ThinkRefusals::contains(key);
+    LoopbackHttp::Reply reply = co_await http.post(
+        url, "application/json", generateBody(model, prompt, system, maxTokens, sendThink), kGenerateTimeoutMs);
+    if (sendThink && refusesThinking(reply)) {
+        ThinkRefusals::insert(key);
+        Log::info(QStringLiteral("Ollama at %1 does not accept \"think\" for %2; asking without it from now on.")
+                      .arg(server, model));
+        reply = co_await http.post(url, "application/json", generateBody(model, prompt, system, maxTokens, false),
+                                   kGenerateTimeoutMs);
+    }
     if (reply.status != 200)
         throw QuorvaneError::formatterUnavailable(QStringLiteral("Ollama returned HTTP error"));
     const QJsonDocument document = LoopbackHttp::parseJson(reply.body);

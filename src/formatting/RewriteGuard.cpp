@@ -55,7 +55,7 @@ RewriteGuard::Decision RewriteGuard::evaluate(const QString &original, const QSt
         if (lowered.startsWith(prefix))
             return refuse(Verdict::rejectedModelResponse);
     }
-    if (after == before)
+    if (Text::composed(after) == Text::composed(before))
         return refuse(Verdict::rejectedNoChange);
 
     const QStringList beforeWords = TranscriptGuard::words(before);
@@ -102,14 +102,16 @@ RewriteGuard::Decision RewriteGuard::evaluate(const QString &original, const QSt
     return {after, Verdict::accepted};
 }
 
-QSet<QString> RewriteGuard::protectedTokens(const QString &text, const QStringList &vocabulary) {
+QSet<QString> RewriteGuard::protectedTokens(const QString &input, const QStringList &vocabulary) {
+    const QString text = Text::composed(input);
     QSet<QString> tokens;
     for (const QRegularExpression &pattern : protectedPatterns()) {
         auto matches = pattern.globalMatch(text);
         while (matches.hasNext())
             tokens.insert(matches.next().captured(0));
     }
-    for (const QString &term : vocabulary) {
+    for (const QString &entry : vocabulary) {
+        const QString term = Text::composed(entry);
         if (!term.isEmpty() && text.contains(term))
             tokens.insert(term);
     }

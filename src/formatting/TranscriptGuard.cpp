@@ -95,7 +95,8 @@ TranscriptGuard::Decision TranscriptGuard::evaluate(const QString &raw, const QS
 }
 
 QStringList TranscriptGuard::words(const QString &text) {
-    const QString lowered = Text::lower(text);
+    // Composed first, so a word spelled with a combining accent equals its precomposed twin.
+    const QString lowered = Text::lower(Text::composed(text));
     QStringList result;
     QString current;
     for (char32_t c : Text::codePoints(lowered)) {

@@ -12,6 +12,7 @@
 #include <QPointer>
 #include <QRegularExpression>
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
@@ -21,6 +22,9 @@ namespace {
 constexpr QFileDevice::Permissions ownerOnly = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
 constexpr qint64 pageSize = 4096;
 constexpr qint64 copyChunk = 1 << 20;
+// A full history sheds a sixteenth of each ceiling at once: one rewrite per 125 dictations at the
+// default 2,000 entries instead of one per dictation.
+constexpr qint64 pruneBatchDivisor = 16;
 
 // A write that stays inside one page reaches the file whole or not at all, even when the process is
 // killed during the call; a longer one can be cut at a page boundary, so it goes through a rewrite.
@@ -105,28 +109,50 @@ void Store::loadIndex() const {
 
 void Store::appendLine(const QByteArray &line) {
     loadIndex();
-    qint64 count = static_cast<qint64>(m_index.lineSizes.size()) + 1;
+    const size_t held = m_index.lineSizes.size();
+    qint64 count = static_cast<qint64>(held) + 1;
     qint64 bytes = m_index.bytes + line.size();
-    qint64 drop = 0;
-    while (count > m_limits.maxHistoryEntries || bytes > m_limits.maxHistoryBytes) {
-        bytes -= m_index.lineSizes[static_cast<size_t>(drop)];
-        --count;
-        ++drop;
-    }
-    if (drop == 0 && staysInOnePage(m_index.bytes, line.size())) {
-        QFile file(historyPath());
-        if (file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered, ownerOnly) &&
-            file.write(line) == line.size()) {
-            Paths::protectFile(historyPath());
-            m_index.lineSizes.push_back(line.size());
-            m_index.bytes += line.size();
-            return;
-        }
-        // The file may have changed under us; count again before the next write.
-        m_index.loaded = false;
+    if (count <= m_limits.maxHistoryEntries && bytes <= m_limits.maxHistoryBytes) {
+        if (staysInOnePage(m_index.bytes, line.size()))
+            appendInPlace(line);
+        else
+            rewriteHistory(0, line);
         return;
     }
-    rewriteHistory(drop, line);
+    // Over a ceiling: a whole batch of the oldest goes at once, so that the appends that follow
+    // are plain appends rather than one rewrite of the whole file each.
+    const qint64 entryTarget = m_limits.maxHistoryEntries - m_limits.maxHistoryEntries / pruneBatchDivisor;
+    const qint64 byteTarget = m_limits.maxHistoryBytes - m_limits.maxHistoryBytes / pruneBatchDivisor;
+    size_t drop = 0;
+    while (drop < held && (count > entryTarget || bytes > byteTarget)) {
+        bytes -= m_index.lineSizes[drop++];
+        --count;
+    }
+    // A ceiling of no entries keeps not even the newest.
+    const bool keepNewest = count <= m_limits.maxHistoryEntries && bytes <= m_limits.maxHistoryBytes;
+    rewriteHistory(static_cast<qint64>(drop), keepNewest ? line : QByteArray());
+}
+
+void Store::appendInPlace(const QByteArray &line) {
+    QFile file(historyPath());
+    if (file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered, ownerOnly) &&
+        file.write(line) == line.size()) {
+        Paths::protectFile(historyPath());
+        m_index.lineSizes.push_back(line.size());
+        m_index.bytes += line.size();
+        return;
+    }
+    const QString reason = file.errorString();
+    // Whatever part of the line did reach the file goes, so the history stays whole lines.
+    if (file.isOpen() && file.size() > m_index.bytes)
+        file.resize(m_index.bytes);
+    reportLostEntry(reason);
+}
+
+void Store::reportLostEntry(const QString &reason) {
+    Log::error(QStringLiteral("Could not store a history entry: ") + reason);
+    // The file may have changed under us; count again before the next write.
+    m_index.loaded = false;
 }
 
 bool Store::rewriteHistory(qint64 dropLines, const QByteArray &extra) {
@@ -137,33 +163,41 @@ bool Store::rewriteHistory(qint64 dropLines, const QByteArray &extra) {
     const QString temporary = target + QStringLiteral(".tmp");
     QFile out(temporary);
     if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate, ownerOnly)) {
-        m_index.loaded = false;
+        reportLostEntry(out.errorString());
         return false;
     }
     out.setPermissions(ownerOnly);
-    bool ok = true;
-    QFile in(target);
-    if (in.open(QIODevice::ReadOnly) && in.seek(skip)) {
-        qint64 remaining = m_index.bytes - skip;
-        while (ok && remaining > 0) {
+    QString reason;
+    qint64 remaining = m_index.bytes - skip;
+    if (remaining > 0) {
+        QFile in(target);
+        if (!in.open(QIODevice::ReadOnly) || !in.seek(skip))
+            reason = in.errorString();
+        while (reason.isEmpty() && remaining > 0) {
             const QByteArray chunk = in.read(std::min(remaining, copyChunk));
-            ok = !chunk.isEmpty() && out.write(chunk) == chunk.size();
+            if (chunk.isEmpty() || out.write(chunk) != chunk.size())
+                reason = chunk.isEmpty() ? in.errorString() : out.errorString();
             remaining -= chunk.size();
         }
     }
-    ok = ok && out.write(extra) == extra.size() && out.flush();
+    if (reason.isEmpty() && (out.write(extra) != extra.size() || !out.flush()))
+        reason = out.errorString();
     // On disk before it replaces the old file, so a crash of the machine cannot leave it empty.
-    ok = ok && ::fsync(out.handle()) == 0;
+    if (reason.isEmpty() && ::fsync(out.handle()) != 0)
+        reason = QString::fromLocal8Bit(std::strerror(errno));
     out.close();
-    ok = ok && std::rename(QFile::encodeName(temporary).constData(), QFile::encodeName(target).constData()) == 0;
-    if (!ok) {
+    if (reason.isEmpty() &&
+        std::rename(QFile::encodeName(temporary).constData(), QFile::encodeName(target).constData()) != 0)
+        reason = QString::fromLocal8Bit(std::strerror(errno));
+    if (!reason.isEmpty()) {
         QFile::remove(temporary);
-        m_index.loaded = false;
+        reportLostEntry(reason);
         return false;
     }
     for (qint64 i = 0; i < dropLines; ++i)
         m_index.lineSizes.pop_front();
-    m_index.lineSizes.push_back(extra.size());
+    if (!extra.isEmpty())
+        m_index.lineSizes.push_back(extra.size());
     m_index.bytes = m_index.bytes - skip + extra.size();
     return true;
 }

@@ -63,6 +63,8 @@ private:
 
     void loadIndex() const;
     void appendLine(const QByteArray &line);
+    void appendInPlace(const QByteArray &line);
+    void reportLostEntry(const QString &reason);
     bool rewriteHistory(qint64 dropLines, const QByteArray &extra);
     void pruneAudio();
     QStringList readRecent(int limit) const;

@@ -10,11 +10,11 @@
 #include <QFileInfo>
 #include <QHash>
 #include <QProcessEnvironment>
-#include <QRegularExpression>
 #include <QSet>
 #include <QStringDecoder>
 #include <algorithm>
 #include <limits>
+#include <sys/stat.h>
 
 namespace {
 
@@ -120,24 +120,62 @@ const QHash<QString, QString> &languagesByExtension() {
     return table;
 }
 
-const QList<QRegularExpression> &identifierPatterns() {
-    static const QList<QRegularExpression> patterns = [] {
-        const auto options = QRegularExpression::UseUnicodePropertiesOption;
-        QList<QRegularExpression> list{
-            QRegularExpression(
-                QStringLiteral(
-                    R"(\b(?:class|struct|enum|protocol|actor|interface|trait|type)\s+([A-Za-z_][A-Za-z0-9_]*))"),
-                options),
-            QRegularExpression(QStringLiteral(R"(\b(?:func|function|def|fn)\s+([A-Za-z_][A-Za-z0-9_]*))"), options),
-            QRegularExpression(QStringLiteral(R"(\b(?:let|var|const)\s+([A-Za-z_][A-Za-z0-9_]{3,}))"), options),
-        };
-        for (auto &pattern : list) {
-            Q_ASSERT(pattern.isValid());
-            pattern.optimize();
+// A word character as the pattern engine's Unicode \w sees it: letters, digits and the underscore.
+bool isWordCharacter(char32_t c) {
+    return c == U'_' || QChar::isLetterOrNumber(c);
+}
+
+bool isIdentifierStart(QChar c) {
+    return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z') || c == u'_';
+}
+
+bool isIdentifierPart(QChar c) {
+    return isIdentifierStart(c) || (c >= u'0' && c <= u'9');
+}
+
+// Whether a word character ends right before `at`, so that a keyword there would not start a word.
+bool followsWordCharacter(QStringView text, qsizetype at) {
+    if (at == 0)
+        return false;
+    const QChar before = text[at - 1];
+    if (before.isLowSurrogate() && at >= 2 && text[at - 2].isHighSurrogate())
+        return isWordCharacter(QChar::surrogateToUcs4(text[at - 2], before));
+    return isWordCharacter(before.unicode());
+}
+
+// Every "<keyword> <identifier>" of the text, left to right without overlaps: a keyword that starts
+// a word, white space, then an ASCII identifier of at least `minLength` characters. The same as
+// matching \b(?:keywords)\s+([A-Za-z_][A-Za-z0-9_]{minLength-1,}) globally, by hand, because this runs
+// over every source file read and the pattern engine was most of the index's time.
+void collectDeclared(QStringView text, std::initializer_list<QLatin1StringView> keywords, qsizetype minLength,
+                     QStringList &into) {
+    const qsizetype size = text.size();
+    qsizetype at = 0;
+    while (at < size) {
+        if (!isIdentifierStart(text[at]) || followsWordCharacter(text, at)) {
+            ++at;
+            continue;
         }
-        return list;
-    }();
-    return patterns;
+        qsizetype matchEnd = -1;
+        for (const QLatin1StringView keyword : keywords) {
+            if (!text.sliced(at).startsWith(keyword))
+                continue;
+            qsizetype name = at + keyword.size();
+            while (name < size && Text::isWhitespaceOrNewline(text[name].unicode()))
+                ++name;
+            if (name == at + keyword.size() || name == size || !isIdentifierStart(text[name]))
+                continue;
+            qsizetype end = name + 1;
+            while (end < size && isIdentifierPart(text[end]))
+                ++end;
+            if (end - name < minLength)
+                continue;
+            into.append(text.sliced(name, end - name).toString());
+            matchEnd = end;
+            break;
+        }
+        at = matchEnd > 0 ? matchEnd : at + 1;
+    }
 }
 
 QString lastComponent(const QString &relativePath) {
@@ -179,6 +217,54 @@ template <typename Counts> QStringList byFallingCount(const Counts &counts, int 
     }
     return result;
 }
+
+// Resolves the many paths of one repository: each folder is resolved once, and a file that is not a
+// link then costs one lstat instead of a readlink for every component of its path.
+class ContainedFileResolver {
+public:
+    explicit ContainedFileResolver(QString canonicalRoot)
+        : m_root(std::move(canonicalRoot)), m_rootPrefix(m_root + QLatin1Char('/')) {}
+
+    std::optional<QString> resolve(const QString &relativePath) {
+        const qsizetype slash = relativePath.lastIndexOf(QLatin1Char('/'));
+        const QString folder = slash < 0 ? QString() : relativePath.left(slash);
+        const QString name = relativePath.mid(slash + 1);
+        // Anything unusual ("..", "./", "//") takes the thorough way.
+        if (!isPlainName(name) || (!folder.isEmpty() && !isPlainFolder(folder)))
+            return RepositoryIndexer::containedRepositoryFile(relativePath, m_root);
+        auto known = m_folders.constFind(folder);
+        if (known == m_folders.cend())
+            known = m_folders.insert(
+                folder, folder.isEmpty() ? m_root : QFileInfo(m_root + QLatin1Char('/') + folder).canonicalFilePath());
+        if (known->isEmpty())
+            return std::nullopt;
+        const QString candidate = *known + QLatin1Char('/') + name;
+        struct stat info {};
+        if (::lstat(QFile::encodeName(candidate).constData(), &info) != 0)
+            return std::nullopt;
+        if (S_ISLNK(info.st_mode))
+            return RepositoryIndexer::containedRepositoryFile(relativePath, m_root);
+        if (!S_ISREG(info.st_mode) || !candidate.startsWith(m_rootPrefix))
+            return std::nullopt;
+        return candidate;
+    }
+
+private:
+    static bool isPlainName(QStringView part) {
+        return !part.isEmpty() && part != QLatin1String(".") && part != QLatin1String("..");
+    }
+    static bool isPlainFolder(const QString &folder) {
+        for (const QStringView part : QStringView(folder).split(QLatin1Char('/'))) {
+            if (!isPlainName(part))
+                return false;
+        }
+        return true;
+    }
+
+    QString m_root;
+    QString m_rootPrefix;
+    QHash<QString, QString> m_folders;
+};
 
 } // namespace
 
@@ -247,12 +333,13 @@ RepositoryContext RepositoryIndexer::indexListed(const QString &root, const QStr
         QString canonicalPath;
     };
     QList<Surviving> surviving;
+    ContainedFileResolver resolver(canonicalRoot);
     const qsizetype considered = std::min<qsizetype>(trackedFiles.size(), std::max(m_limits.maxTrackedFiles, 0));
     for (qsizetype i = 0; i < considered && !canonicalRoot.isEmpty(); ++i) {
         const QString &path = trackedFiles.at(i);
         if (isExcluded(path))
             continue;
-        if (auto canonical = containedRepositoryFile(path, canonicalRoot))
+        if (auto canonical = resolver.resolve(path))
             surviving.append({path, *canonical});
     }
 
@@ -277,12 +364,12 @@ RepositoryContext RepositoryIndexer::indexListed(const QString &root, const QStr
         const auto text = readPrefix(file.canonicalPath, m_limits.maxBytesPerSourceFile);
         if (!text)
             continue;
-        for (const QString &term : extractIdentifiers(*text)) {
-            if (isUsefulTerm(term))
-                ++termCounts[term];
-        }
+        for (const QString &term : extractIdentifiers(*text))
+            ++termCounts[term];
     }
     context.languages = byFallingCount(languageCounts, std::numeric_limits<int>::max());
+    // Judged once per distinct name rather than once per occurrence.
+    termCounts.removeIf([](const auto &entry) { return !isUsefulTerm(entry.key()); });
     context.vocabulary = byFallingCount(termCounts, m_limits.maxVocabularyTerms);
     return context;
 }
@@ -290,18 +377,22 @@ RepositoryContext RepositoryIndexer::indexListed(const QString &root, const QStr
 bool RepositoryIndexer::isExcluded(const QString &relativePath) {
     if (relativePath.startsWith(QLatin1Char('/')))
         return true;
-    const QStringList components = relativePath.split(QLatin1Char('/'), Qt::SkipEmptyParts);
-    if (components.isEmpty())
-        return true;
-    for (const QString &component : components) {
-        if (excludedDirectories().contains(Text::lower(component)))
-            return true;
+    QStringView last;
+    // Compared in place, without a lower-cased copy of every component of every tracked path.
+    for (const QStringView component : QStringView(relativePath).split(QLatin1Char('/'), Qt::SkipEmptyParts)) {
+        for (const QString &name : excludedDirectories()) {
+            if (component.size() == name.size() && component.compare(name, Qt::CaseInsensitive) == 0)
+                return true;
+        }
+        last = component;
     }
-    const QString last = Text::lower(components.last());
-    if (excludedFileNames().contains(last) || last.startsWith(QLatin1String(".env.")))
+    if (last.isEmpty())
+        return true;
+    const QString lowered = last.toString().toLower();
+    if (excludedFileNames().contains(lowered) || lowered.startsWith(QLatin1String(".env.")))
         return true;
     return std::any_of(excludedSuffixes().cbegin(), excludedSuffixes().cend(),
-                       [&last](const QString &suffix) { return last.endsWith(suffix); });
+                       [&lowered](const QString &suffix) { return lowered.endsWith(suffix); });
 }
 
 std::optional<QString> RepositoryIndexer::containedRepositoryFile(const QString &relativePath,
@@ -345,12 +436,13 @@ std::optional<QString> RepositoryIndexer::language(const QString &relativePath) 
 }
 
 QStringList RepositoryIndexer::extractIdentifiers(const QString &text) {
+    using namespace Qt::Literals::StringLiterals;
     QStringList identifiers;
-    for (const QRegularExpression &pattern : identifierPatterns()) {
-        auto matches = pattern.globalMatch(text);
-        while (matches.hasNext())
-            identifiers << matches.next().captured(1);
-    }
+    collectDeclared(
+        text, {"class"_L1, "struct"_L1, "enum"_L1, "protocol"_L1, "actor"_L1, "interface"_L1, "trait"_L1, "type"_L1}, 1,
+        identifiers);
+    collectDeclared(text, {"func"_L1, "function"_L1, "def"_L1, "fn"_L1}, 1, identifiers);
+    collectDeclared(text, {"let"_L1, "var"_L1, "const"_L1}, 4, identifiers);
     return identifiers;
 }
 
@@ -358,7 +450,8 @@ std::optional<QString> RepositoryIndexer::readPrefix(const QString &path, qint64
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return std::nullopt;
-    QByteArray bytes = file.read(std::max<qint64>(maxBytes, 0));
+    // Sized by the file: a buffer of the whole allowance would be mapped and zeroed for every file.
+    QByteArray bytes = file.read(std::clamp<qint64>(file.size(), 0, std::max<qint64>(maxBytes, 0)));
     if (bytes.size() == maxBytes)
         bytes.truncate(completeUtf8Length(bytes));
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);

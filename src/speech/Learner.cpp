@@ -27,6 +27,14 @@ bool isJoiner(char32_t c) {
     return c == U'.' || c == U'-' || c == U'_' || isApostrophe(c);
 }
 
+// The comparison form of a word: composed, lower-cased, and the typographic apostrophe read as the
+// straight one, so "Let’s" and "let's" are one word.
+QString comparisonKey(const QString &word) {
+    QString key = Text::lower(word);
+    key.replace(QChar(u'\u2019'), QLatin1Char('\''));
+    return key;
+}
+
 bool hasUppercaseProperty(char32_t c) {
     if (QChar::isUpper(c))
         return true;
@@ -186,11 +194,16 @@ bool Learner::isCommonWord(const QString &lowered) {
             set.insert(QString::fromLatin1(entry));
         return set;
     }();
-    return common.contains(lowered);
+    if (common.contains(lowered))
+        return true;
+    // Contractions are common whichever way they are written: "can't" is "cant".
+    if (!lowered.contains(QLatin1Char('\'')))
+        return false;
+    return common.contains(QString(lowered).remove(QLatin1Char('\'')));
 }
 
 void Learner::ingest(const QString &shipped) {
-    const QList<Token> tokens = tokenize(shipped);
+    const QList<Token> tokens = tokenize(Text::composed(shipped));
     if (tokens.isEmpty())
         return;
     ++m_model.utterances;
@@ -203,7 +216,7 @@ void Learner::ingest(const QString &shipped) {
         const QList<char32_t> scalars = Text::codePoints(token.word);
         if (std::none_of(scalars.cbegin(), scalars.cend(), Text::isLetter))
             continue;
-        const QString key = Text::lower(token.word);
+        const QString key = comparisonKey(token.word);
         if (isCommonWord(key))
             continue;
         const bool properNoun = !startsSentence && startsUppercase(token.word);

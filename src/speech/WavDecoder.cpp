@@ -123,8 +123,15 @@ Decoded decode(QByteArrayView data) {
     const qsizetype channelCount = std::max<qsizetype>(channels, 1);
     const qsizetype frames = qsizetype(pcmBytes / 2) / channelCount;
     Decoded decoded;
-    decoded.samples.resize(size_t(frames));
-    mixDown(pcm, frames, channelCount, decoded.samples.data());
+    // Grown block by block, so that each block's zeroing and its decoding meet in the cache instead
+    // of making two passes over the whole output in memory.
+    constexpr qsizetype blockFrames = 16384;
+    decoded.samples.reserve(size_t(frames));
+    for (qsizetype done = 0; done < frames; done += blockFrames) {
+        const qsizetype count = std::min(blockFrames, frames - done);
+        decoded.samples.resize(size_t(done + count));
+        mixDown(pcm + 2 * done * channelCount, count, channelCount, decoded.samples.data() + done);
+    }
     decoded.sampleRate = double(sampleRate);
     return decoded;
 }

@@ -306,6 +306,7 @@ private slots:
         row("clip without reference", R"({"name": "n", "clips": [{"id": "a", "audio": "a.wav"}]})", {"@"},
             "Clip \"a\" has no \"reference\"");
         row("remote endpoint", good, {"@", "--endpoint", "http://192.168.1.20:8080"}, "is not on this machine");
+        row("https endpoint", good, {"@", "--endpoint", "https://127.0.0.1:8443"}, "plain http only");
         row("unknown engine", good, {"@", "--engine=vosk"}, "--engine is whisper or native");
         row("unknown option", good, {"@", "--fast"}, "Unknown option --fast");
         row("zero limit", good, {"@", "--limit", "0"}, "--limit needs a whole number");

@@ -139,13 +139,24 @@ private Q_SLOTS:
         QTest::newRow("relative") << "localhost:9000" << fallback;
         QTest::newRow("localhost other port") << "http://localhost:9000"
                                               << "http://localhost:9000";
-        QTest::newRow("ipv6 loopback with path") << "https://[::1]:8443/v1?x=1"
-                                                 << "https://[::1]:8443/v1?x=1";
+        QTest::newRow("ipv6 loopback with path") << "http://[::1]:8443/v1?x=1"
+                                                 << "http://[::1]:8443/v1?x=1";
+        QTest::newRow("https, which no local client speaks") << "https://127.0.0.1:8443" << fallback;
     }
     void endpointsMustBeLocal() {
         QFETCH(QString, value);
+        QFETCH(QString, expected);
+        QStringList lines;
+        Log::setObserver([&](const QString &level, const QString &message) { lines << level + ' ' + message; });
         const QByteArray json = QJsonDocument(QJsonObject{{QStringLiteral("whisperEndpoint"), value}}).toJson();
-        QTEST(decodeObject(json).whisperEndpoint, "expected");
+        const QString endpoint = decodeObject(json).whisperEndpoint;
+        Log::setObserver({});
+        QCOMPARE(endpoint, expected);
+        // Only the refusal that would otherwise look like a missing server is explained.
+        const QStringList expectedLog{QStringLiteral("WARN Settings: whisperEndpoint https://127.0.0.1:8443 is not "
+                                                     "used because local servers are reached over plain http only; "
+                                                     "using http://127.0.0.1:8080.")};
+        QCOMPARE(lines, value.startsWith("https") ? expectedLog : QStringList());
     }
 
     void appRulesDecodeWhole() {

@@ -40,6 +40,10 @@ private Q_SLOTS:
                                              << "カタカナ";
         QTest::newRow("cjk unchanged") << "漢字"
                                        << "漢字";
+        QTest::newRow("final sigma case-folded") << "λόγος"
+                                                 << "λογοσ";
+        QTest::newRow("enclosing and spacing marks removed") << "a\u20DD\u0915\u093F"
+                                                             << "a\u0915";
         QTest::newRow("german sharp s lower-cased") << "STRASSE"
                                                     << "strasse";
     }

@@ -124,6 +124,8 @@ private slots:
             "rejectedProtectedContent");
         row("term 95 of 100 protected", "ship term95 today", reply("Ship it today."), "rejectedProtectedContent", {},
             numberedTerms(100));
+        row("decomposed name", "ask Rene\u0301 to review the login fix",
+            reply("Ask Ren\u00e9 to review the login fix."), "accepted");
         row("added flag without repository", push, reply("Push the branch to origin with --force."), "accepted");
         row("added flag with repository", push, reply("Push the branch to origin with --force."),
             "rejectedProtectedContent", repository);

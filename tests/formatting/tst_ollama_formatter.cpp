@@ -160,6 +160,53 @@ private slots:
         }
     }
 
+    // Servers 0.9.0 to 0.12.4 answer a model without thinking this way when asked not to think.
+    void olderServersAreAskedWithoutThink_data() {
+        QTest::addColumn<QString>("model");
+        QTest::addColumn<Response>("firstReply");
+        QTest::addColumn<QString>("outcome");
+        // Per request of the first format: whether its body carried "think"; then whether a formatter
+        // built afresh for the same server and model still sends it.
+        QTest::addColumn<QList<bool>>("thinkSent");
+        QTest::addColumn<bool>("thinkSentLater");
+        const QByteArray refusal = "{\"error\":\"\\\"gemma3:1b\\\" does not support thinking\"}";
+        const QString failed = "QuorvaneError: The formatting model is unavailable: Ollama returned HTTP error";
+        QTest::newRow("refused, asked again without it")
+            << "gemma3:1b" << Response::json(400, refusal) << "Hello." << QList<bool>{true, false} << false;
+        QTest::newRow("another bad request is not retried")
+            << "llama3.2:1b" << Response::json(400, R"({"error":"invalid options"})") << failed << QList<bool>{true}
+            << true;
+        QTest::newRow("the same text with a server error is not retried")
+            << "qwen3:0.6b" << Response::json(500, refusal) << failed << QList<bool>{true} << true;
+    }
+    void olderServersAreAskedWithoutThink() {
+        QFETCH(QString, model);
+        QFETCH(Response, firstReply);
+        FakeOllamaServer server;
+        server.setModels({model});
+        const auto thinkSent = [&server] {
+            QList<bool> sent;
+            for (const QJsonObject &body : server.generateBodies())
+                sent.append(body.contains("think"));
+            server.clearRequests();
+            return sent;
+        };
+        OllamaFormatter formatter(server.url().toString(), model);
+        syncWait(formatter.prepare());
+        server.clearRequests();
+        server.enqueueGenerate(firstReply);
+        server.setDefaultGenerate(FakeOllamaServer::generation("Hello."));
+        QTEST(outcomeOf(formatter, Operation::format, "hello"), "outcome");
+        QTEST(thinkSent(), "thinkSent");
+
+        OllamaFormatter rebuilt(server.url().toString(), model);
+        syncWait(rebuilt.prepare());
+        server.clearRequests();
+        QCOMPARE(outcomeOf(rebuilt, Operation::format, "hello"), QStringLiteral("Hello."));
+        QFETCH(bool, thinkSentLater);
+        QCOMPARE(thinkSent(), QList<bool>{thinkSentLater});
+    }
+
     void unavailableModelSendsNothing() {
         FakeOllamaServer server;
         server.setModels({"qwen3:8b"});

@@ -94,6 +94,8 @@ private slots:
             "Upgrade to version 2.5.1 before Friday.", "rejectedProtectedContent");
         row("vocabulary dropped", "fixGrammar", "deploy it to Kubernetes now", "Deploy it to the cluster now.",
             "rejectedProtectedContent", {"Kubernetes"});
+        row("decomposed name and vocabulary", "fixGrammar", "ask Rene\u0301 for the report",
+            "Ask Ren\u00e9 for the report.", "accepted", {"Rene\u0301"});
         row("identifier case folded", "makeFormal", "ask about the USER_ID field",
             "Please ask about the user_id field.", "accepted");
         row("new meaning", "makeCasual", "please review the quarterly budget", "Hey, check out the vacation photos.",

@@ -47,6 +47,15 @@ QByteArray contents(const QString &path) {
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
+QString thrownMessage(QCoro::Task<qint32> task) {
+    try {
+        syncWait(std::move(task));
+    } catch (const QuorvaneError &error) {
+        return error.message();
+    }
+    return {};
+}
+
 } // namespace
 
 class TestAgentHandoff : public QObject {
@@ -98,12 +107,16 @@ private slots:
         QTest::addColumn<bool>("repositoryExists");
         QTest::addColumn<QString>("agent");
         QTest::addColumn<int>("errorCase");
+        QTest::addColumn<QString>("message");
         const int failed = int(QuorvaneError::Case::agentHandoffFailed);
         const int unavailable = int(QuorvaneError::Case::agentUnavailable);
-        QTest::newRow("empty prompt") << "" << true << "program" << failed;
-        QTest::newRow("worktree gone") << "Add tests" << false << "program" << failed;
-        QTest::newRow("agent not executable") << "Add tests" << true << "text" << unavailable;
-        QTest::newRow("agent is a folder") << "Add tests" << true << "folder" << unavailable;
+        const QString missing = "Codex CLI is not installed in a trusted location";
+        QTest::newRow("empty prompt") << "" << true << "program" << failed
+                                      << "Could not hand off the prompt: the generated prompt is empty";
+        QTest::newRow("worktree gone") << "Add tests" << false << "program" << failed
+                                       << "Could not hand off the prompt: the detected worktree no longer exists";
+        QTest::newRow("agent not executable") << "Add tests" << true << "text" << unavailable << missing;
+        QTest::newRow("agent is a folder") << "Add tests" << true << "folder" << unavailable << missing;
     }
     void refusesBeforeWriting() {
         QFETCH(QString, prompt);
@@ -125,6 +138,7 @@ private slots:
             QFAIL("expected a refusal");
         } catch (const QuorvaneError &error) {
             QTEST(int(error.errorCase()), "errorCase");
+            QTEST(error.message(), "message");
         }
         QVERIFY(!QFileInfo::exists(launchers));
     }
@@ -180,7 +194,8 @@ private slots:
         if (found)
             QCOMPARE(syncWait(std::move(waiting)), 77);
         else
-            QVERIFY_THROWS_EXCEPTION(QuorvaneError, syncWait(std::move(waiting)));
+            QCOMPARE(thrownMessage(std::move(waiting)),
+                     "Could not hand off the prompt: the agent did not become ready in Terminal");
     }
 
     void classifiesStartupScreen() {

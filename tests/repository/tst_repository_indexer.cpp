@@ -166,6 +166,30 @@ private slots:
         QTEST(RepositoryIndexer::isExcluded(path), "excluded");
     }
 
+    void declaredNames_data() {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QStringList>("names");
+        QTest::newRow("each kind, types first")
+            << "let counterValue = 1\nfn render() {}\nclass Widget {}\nfunction draw()\nconst MAX_SIZE = 2"
+            << QStringList{"Widget", "render", "draw", "counterValue", "MAX_SIZE"};
+        QTest::newRow("keyword must start a word")
+            << "subclass Foo; _struct Bar; \u00e9enum Baz; x.enum Qux" << QStringList{"Qux"};
+        QTest::newRow("any white space, none is no match")
+            << "struct\n\tPoint; class\u00a0Box; classFoo; def(x)" << QStringList{"Point", "Box"};
+        QTest::newRow("short variables skipped, longer kept")
+            << "let abc = 1; var abcd = 2; let _tmp1" << QStringList{"abcd", "_tmp1"};
+        QTest::newRow("names are ASCII identifiers")
+            << "type 9Lives; type Caf\u00e9Menu; func \u00e9t\u00e9()" << QStringList{"Caf"};
+        QTest::newRow("a keyword taken as the name is consumed")
+            << "class struct Foo {}; def fn bar" << QStringList{"struct", "fn"};
+        QTest::newRow("longer keyword after a shorter prefix") << "function go() {}; funcs x" << QStringList{"go"};
+        QTest::newRow("astral letter before the keyword") << "\U0001D400class A; \U0001F600class B" << QStringList{"B"};
+    }
+    void declaredNames() {
+        QFETCH(QString, text);
+        QTEST(RepositoryIndexer::extractIdentifiers(text), "names");
+    }
+
 private:
     TempGitRepository m_repo;
 };

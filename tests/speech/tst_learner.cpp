@@ -39,9 +39,12 @@ private slots:
         QTest::newRow("accumulates across texts, adopts the name's spelling")
             << QStringList{"kubectl rollout", "then kubectl again", "we ran Kubectl"}
             << "kubectl=Kubectl:3:P ran=ran:1:- rollout=rollout:1:-" << 3;
-        QTest::newRow("decomposed capital counts as upper case")
+        QTest::newRow("decomposed and precomposed spellings are one word")
             << QStringList{QStringLiteral("ask E\u0301mile and \u00e9mile")}
-            << QStringLiteral("e\u0301mile=E\u0301mile:1:P \u00e9mile=\u00e9mile:1:-") << 1;
+            << QStringLiteral("\u00e9mile=\u00c9mile:2:P") << 1;
+        QTest::newRow("typographic apostrophes")
+            << QStringList{QStringLiteral("Let\u2019s ship. We can\u2019t, that\u2019s Zed\u2019s fix and Zed's test.")}
+            << QStringLiteral("fix=fix:1:- ship=ship:1:- test=test:1:- zed's=Zed\u2019s:2:P") << 1;
         QTest::newRow("empty and punctuation-only texts change nothing") << QStringList{"", "... !? --"} << "" << 0;
     }
     void ingest() {

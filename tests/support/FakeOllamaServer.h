@@ -8,8 +8,8 @@
 #include <QQueue>
 
 // An Ollama server: GET /api/tags lists the pulled models, POST /api/generate answers from a queue of
-// scripted responses first, then from a default. Qt resends a request once when the connection drops
-// before any answer, so a drop meant to be seen by the client is set as the default.
+// scripted responses first, then from a default. The client resends a GET once when the connection
+// drops before any answer, so a drop of the model list meant to be seen is set as the default.
 class FakeOllamaServer : public FakeHttpServer {
     Q_OBJECT
 public:
