@@ -30,8 +30,9 @@ LinuxAgentHandoffLauncher::LinuxAgentHandoffLauncher(std::shared_ptr<TextInjecto
       m_terminal(std::move(terminal)), m_home(std::move(homeDirectory)),
       m_launcherDirectory(std::move(launcherDirectory)), m_scheduler(scheduler) {}
 
-std::shared_ptr<LinuxAgentHandoffLauncher> LinuxAgentHandoffLauncher::create(
-    std::shared_ptr<TextInjector> injector, std::shared_ptr<FrontmostAppProvider> frontmost) {
+std::shared_ptr<LinuxAgentHandoffLauncher>
+LinuxAgentHandoffLauncher::create(std::shared_ptr<TextInjector> injector,
+                                  std::shared_ptr<FrontmostAppProvider> frontmost) {
     return std::make_shared<LinuxAgentHandoffLauncher>(std::move(injector), std::move(frontmost),
                                                        std::make_shared<ProcProcessTreeSource>(),
                                                        std::make_shared<X11HandoffTerminal>(), QDir::homePath());
@@ -48,9 +49,9 @@ QCoro::Task<void> LinuxAgentHandoffLauncher::handoff(QString prompt, AgentKind a
     const auto processes = m_processes;
     const QString name = displayName(agent);
 
-    const auto launch = AgentLauncher::prepare(
-        prompt, agent, repository, m_home,
-        m_launcherDirectory.isEmpty() ? AgentLauncher::defaultDirectory() : m_launcherDirectory);
+    const auto launch =
+        AgentLauncher::prepare(prompt, agent, repository, m_home,
+                               m_launcherDirectory.isEmpty() ? AgentLauncher::defaultDirectory() : m_launcherDirectory);
 
     const QFileInfo script(launch.scriptPath);
     const std::function<bool()> terminalFailed = terminal->open(script.absolutePath(), script.fileName());
@@ -67,7 +68,14 @@ QCoro::Task<void> LinuxAgentHandoffLauncher::handoff(QString prompt, AgentKind a
 
     // Without the screen we cannot tell a trust or sign-in question from a ready prompt, and a paste
     // into such a question could answer it.
-    const auto screen = terminal->screenText(*inFront->processID);
+    // An agent draws its first screen a moment after it starts, and an empty screen would pass for
+    // a ready one: wait a little for something to read.
+    auto screen = terminal->screenText(*inFront->processID);
+    for (qint64 waited = 0; screen && screen->trimmed().isEmpty() && waited < firstScreenWaitMs;
+         waited += screenPollMs) {
+        co_await m_scheduler.sleep(screenPollMs);
+        screen = terminal->screenText(*inFront->processID);
+    }
     if (!screen)
         throw failed(QStringLiteral("the terminal's screen could not be read, so the prompt was not pasted"));
     if (AgentStartupScreenClassifier::classify(*screen) == AgentStartupScreenClassifier::Status::needsUser)

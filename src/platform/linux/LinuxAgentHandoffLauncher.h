@@ -18,8 +18,8 @@ public:
     // QuorvaneError when no terminal can be started. The returned probe tells whether the terminal
     // program has since ended in failure.
     virtual std::function<bool()> open(const QString &folder, const QString &script) = 0;
-    // The text on the screen of the focused terminal window of process `terminalProcessID`; absent
-    // when that terminal does not publish it.
+    // The text shown in the focused terminal window of process `terminalProcessID` (not its title);
+    // absent when that terminal does not publish it.
     virtual std::optional<QString> screenText(qint32 terminalProcessID) = 0;
     // One Return key press to the focused window; false when it could not be posted.
     virtual bool pressReturn() = 0;
@@ -32,6 +32,9 @@ class LinuxAgentHandoffLauncher final : public AgentHandoffLaunching {
 public:
     // How long the agent's input line has to take the paste before Return.
     static constexpr qint64 settleAfterPasteMs = 120;
+    // How long a blank screen is given to show the agent's first words, and how often it is read.
+    static constexpr qint64 firstScreenWaitMs = 3000;
+    static constexpr qint64 screenPollMs = 100;
 
     // An empty `launcherDirectory` means "handoffs" in the data directory at the time of the handoff.
     LinuxAgentHandoffLauncher(std::shared_ptr<TextInjector> injector, std::shared_ptr<FrontmostAppProvider> frontmost,

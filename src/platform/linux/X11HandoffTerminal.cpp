@@ -148,8 +148,7 @@ std::optional<QString> X11HandoffTerminal::accessibleTerminalText(qint32 process
                 GObjectRef<AtspiText> content(atspi_accessible_get_text_iface(terminals.first()));
                 if (content) {
                     const int length = atspi_text_get_character_count(content.get(), &error);
-                    text = takeString(atspi_accessible_get_name(window.get(), &error)) + QLatin1Char('\n') +
-                           takeString(atspi_text_get_text(content.get(), 0, qMax(length, 0), &error));
+                    text = takeString(atspi_text_get_text(content.get(), 0, qMax(length, 0), &error));
                 }
             }
             for (AtspiAccessible *terminal : terminals)
@@ -173,8 +172,8 @@ bool X11HandoffTerminal::pressReturn() {
     const KeyCode code = XKeysymToKeycode(m_display, XK_Return);
     if (code == 0)
         return false;
-    const bool posted = XTestFakeKeyEvent(m_display, code, True, CurrentTime) &&
-                        XTestFakeKeyEvent(m_display, code, False, CurrentTime);
+    const bool posted =
+        XTestFakeKeyEvent(m_display, code, True, CurrentTime) && XTestFakeKeyEvent(m_display, code, False, CurrentTime);
     XSync(m_display, False);
     return posted;
 }

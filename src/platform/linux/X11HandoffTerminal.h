@@ -20,8 +20,8 @@ public:
     std::optional<QString> screenText(qint32 terminalProcessID) override;
     bool pressReturn() override;
 
-    // The text of the terminal widget in the active window of process `processID`, with that
-    // window's title; absent when AT-SPI is off or the application publishes no terminal text.
+    // The text of the terminal widget in the active window of process `processID`; absent when AT-SPI is off or the
+    // application publishes no terminal text.
     static std::optional<QString> accessibleTerminalText(qint32 processID);
 
 private:

@@ -36,15 +36,15 @@ private slots:
         QTest::addColumn<QString>("defaultTarget");
         QTest::addColumn<QStringList>("expected");
         const QString fallback = "/usr/bin/x-terminal-emulator";
-        QTest::newRow("default readable") << QStringList{fallback, "/usr/bin/gnome-terminal", "/usr/bin/lxterminal"}
-                                          << "/usr/bin/lxterminal"
-                                          << QStringList{"/usr/bin/lxterminal", "-e", "/bin/sh", "launch-1.command"};
+        QTest::newRow("default readable")
+            << QStringList{fallback, "/usr/bin/gnome-terminal", "/usr/bin/lxterminal"} << "/usr/bin/lxterminal"
+            << QStringList{"/usr/bin/lxterminal", "-e", "/bin/sh", "launch-1.command"};
         QTest::newRow("debian's gnome wrapper")
             << QStringList{fallback, "/usr/bin/konsole", "/usr/bin/gnome-terminal"} << "/usr/bin/gnome-terminal.wrapper"
             << QStringList{"/usr/bin/gnome-terminal", "--", "/bin/sh", "launch-1.command"};
-        QTest::newRow("default is xterm") << QStringList{fallback, "/usr/bin/xterm", "/usr/bin/xfce4-terminal"}
-                                          << "/usr/bin/lxterm"
-                                          << QStringList{"/usr/bin/xfce4-terminal", "-x", "/bin/sh", "launch-1.command"};
+        QTest::newRow("default is xterm")
+            << QStringList{fallback, "/usr/bin/xterm", "/usr/bin/xfce4-terminal"} << "/usr/bin/lxterm"
+            << QStringList{"/usr/bin/xfce4-terminal", "-x", "/bin/sh", "launch-1.command"};
         QTest::newRow("default outside the fixed paths")
             << QStringList{fallback, "/usr/bin/konsole"} << "/usr/local/bin/lxterminal"
             << QStringList{"/usr/bin/konsole", "-e", "/bin/sh", "launch-1.command"};
@@ -74,25 +74,40 @@ private slots:
         QTest::addColumn<bool>("opened");
         QTest::addColumn<bool>("pasted");
         QTest::addColumn<bool>("submitted");
-        QTest::newRow("ready") << "" << "" << true << true << true;
+        QTest::newRow("ready") << ""
+                               << "" << true << true << true;
         QTest::newRow("no agent installed")
-            << "no agent" << "Claude Code CLI is not installed in a trusted location" << false << false << false;
-        QTest::newRow("no terminal") << "no terminal" << "Terminal could not be opened" << false << false << false;
+            << "no agent"
+            << "Claude Code CLI is not installed in a trusted location" << false << false << false;
+        QTest::newRow("no terminal") << "no terminal"
+                                     << "Terminal could not be opened" << false << false << false;
         QTest::newRow("terminal refuses the script")
-            << "rejected" << "Terminal rejected the agent launcher" << true << false << false;
+            << "rejected"
+            << "Terminal rejected the agent launcher" << true << false << false;
         QTest::newRow("another application in front")
-            << "focus elsewhere" << "focus changed before the prompt could be submitted" << true << false << false;
-        QTest::newRow("screen unreadable") << "unreadable"
-                                           << "the terminal's screen could not be read, so the prompt was not pasted"
-                                           << true << false << false;
+            << "focus elsewhere"
+            << "focus changed before the prompt could be submitted" << true << false << false;
+        QTest::newRow("screen unreadable")
+            << "unreadable"
+            << "the terminal's screen could not be read, so the prompt was not pasted" << true << false << false;
         QTest::newRow("trust question")
-            << "trust" << "finish the agent's trust or sign-in prompt, then paste the copied specification" << true
-            << false << false;
+            << "trust"
+            << "finish the agent's trust or sign-in prompt, then paste the copied specification" << true << false
+            << false;
+        QTest::newRow("trust question drawn late")
+            << "trust drawn late"
+            << "finish the agent's trust or sign-in prompt, then paste the copied specification" << true << false
+            << false;
+        QTest::newRow("screen stays blank") << "screen stays blank"
+                                            << "" << true << true << true;
         QTest::newRow("agent exits during the paste")
-            << "agent exits" << "Claude Code exited before receiving the prompt" << true << true << false;
+            << "agent exits"
+            << "Claude Code exited before receiving the prompt" << true << true << false;
         QTest::newRow("focus moves during the paste")
-            << "focus moves" << "focus or agent state changed before submission" << true << true << false;
-        QTest::newRow("return not posted") << "no return" << "could not submit the prompt" << true << true << false;
+            << "focus moves"
+            << "focus or agent state changed before submission" << true << true << false;
+        QTest::newRow("return not posted") << "no return"
+                                           << "could not submit the prompt" << true << true << false;
     }
     void handsOffInOrder() {
         QFETCH(QString, fault);
@@ -118,10 +133,15 @@ private slots:
         terminal->opens = fault != "no terminal";
         terminal->rejects = fault == "rejected";
         terminal->startsScript = fault != "rejected";
+        const QString trust = "Claude Code\nDo you trust the files in this folder?\n1. Yes, proceed";
         if (fault == "unreadable")
-            terminal->screen.reset();
+            terminal->screens = {std::nullopt};
         if (fault == "trust")
-            terminal->screen = "Claude Code\nDo you trust the files in this folder?\n1. Yes, proceed";
+            terminal->screens = {trust};
+        if (fault == "trust drawn late")
+            terminal->screens = {"", " \n ", trust};
+        if (fault == "screen stays blank")
+            terminal->screens = {""};
         terminal->returnPosts = fault != "no return";
         ManualScheduler scheduler;
         LinuxAgentHandoffLauncher launcher(injector, frontmost, processes, terminal, home, launchers, scheduler);
@@ -130,13 +150,13 @@ private slots:
         RepositoryContext repository;
         repository.rootPath = repo.root();
         auto running = launcher.handoff("Fix the flaky test", AgentKind::claude, repository);
-        if (!running.isReady()) {
-            // Suspended while the agent's input line takes the paste.
-            if (fault == "agent exits")
+        for (int step = 0; !running.isReady() && step < 1000; ++step) {
+            // Once pasted, the handoff waits for the agent's input line to take it.
+            if (!injector->injected.isEmpty() && fault == "agent exits")
                 processes->remove(agentProcess);
-            if (fault == "focus moves")
+            if (!injector->injected.isEmpty() && fault == "focus moves")
                 frontmost->app = browser;
-            scheduler.advance(LinuxAgentHandoffLauncher::settleAfterPasteMs);
+            scheduler.advance(10);
         }
         QVERIFY(running.isReady());
         QString reason;
@@ -151,7 +171,7 @@ private slots:
         QTEST(terminal->returnsPressed == 1, "submitted");
         if (reason.isEmpty()) {
             QCOMPARE(injector->injected, QStringList{"Fix the flaky test"});
-            QCOMPARE(terminal->screensRead, QList<qint32>{terminalProcess});
+            QCOMPARE(terminal->screensRead.first(), terminalProcess);
             QVERIFY(terminal->opened.first().startsWith(launchers + "/launch-"));
             QVERIFY(log.lines.contains(QString::fromUtf8("INFO Prompt handed off \u00b7 Claude Code")));
         }

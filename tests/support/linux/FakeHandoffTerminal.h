@@ -14,10 +14,11 @@ public:
     bool opens = true;
     bool startsScript = true;
     bool rejects = false;
-    std::optional<QString> screen = QStringLiteral("Welcome to the agent\n> ");
+    // What each read shows, in turn; the last one stays.
+    QList<std::optional<QString>> screens{QStringLiteral("Welcome to the agent\n> ")};
     bool returnPosts = true;
 
-    QStringList opened;    // the folder and script of each window
+    QStringList opened;        // the folder and script of each window
     QList<qint32> screensRead; // the terminal process asked for
     int returnsPressed = 0;
 
@@ -27,7 +28,8 @@ public:
         opened << folder + QLatin1Char('/') + script;
         if (startsScript) {
             QString marker = script;
-            marker.replace(QLatin1String("launch-"), QLatin1String("agent-")).replace(QLatin1String(".command"), QLatin1String(".pid"));
+            marker.replace(QLatin1String("launch-"), QLatin1String("agent-"))
+                .replace(QLatin1String(".command"), QLatin1String(".pid"));
             QFile file(folder + QLatin1Char('/') + marker);
             if (file.open(QIODevice::WriteOnly))
                 file.write(QByteArray::number(agentProcessID) + '\n');
@@ -37,7 +39,7 @@ public:
     }
     std::optional<QString> screenText(qint32 terminalProcessID) override {
         screensRead << terminalProcessID;
-        return screen;
+        return screens.size() > 1 ? screens.takeFirst() : screens.first();
     }
     bool pressReturn() override {
         if (returnPosts)
