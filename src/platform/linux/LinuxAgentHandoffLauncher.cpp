@@ -62,7 +62,12 @@ QCoro::Task<void> LinuxAgentHandoffLauncher::handoff(QString prompt, AgentKind a
                 throw failed(QStringLiteral("Terminal rejected the agent launcher"));
         });
 
-    const auto inFront = co_await terminalInFront(agentProcess);
+    // The agent can start before the window manager has raised its new window.
+    auto inFront = co_await terminalInFront(agentProcess);
+    for (qint64 waited = 0; !inFront && waited < windowWaitMs; waited += screenPollMs) {
+        co_await m_scheduler.sleep(screenPollMs);
+        inFront = co_await terminalInFront(agentProcess);
+    }
     if (!inFront)
         throw failed(QStringLiteral("focus changed before the prompt could be submitted"));
 

@@ -32,7 +32,9 @@ class LinuxAgentHandoffLauncher final : public AgentHandoffLaunching {
 public:
     // How long the agent's input line has to take the paste before Return.
     static constexpr qint64 settleAfterPasteMs = 120;
-    // How long a blank screen is given to show the agent's first words, and how often it is read.
+    // How long the agent's new window has to come to the front, and a blank screen to show the
+    // agent's first words; both are looked at every `screenPollMs`.
+    static constexpr qint64 windowWaitMs = 2000;
     static constexpr qint64 firstScreenWaitMs = 3000;
     static constexpr qint64 screenPollMs = 100;
 

@@ -87,6 +87,8 @@ private slots:
         QTest::newRow("another application in front")
             << "focus elsewhere"
             << "focus changed before the prompt could be submitted" << true << false << false;
+        QTest::newRow("window raised late") << "window raised late"
+                                            << "" << true << true << true;
         QTest::newRow("screen unreadable")
             << "unreadable"
             << "the terminal's screen could not be read, so the prompt was not pasted" << true << false << false;
@@ -123,7 +125,7 @@ private slots:
 
         auto injector = std::make_shared<RecordingInjector>();
         auto frontmost = std::make_shared<FakeFrontmostApp>();
-        frontmost->app = fault == "focus elsewhere" ? browser : lxterminal;
+        frontmost->app = fault == "focus elsewhere" || fault == "window raised late" ? browser : lxterminal;
         auto processes = std::make_shared<FakeProcessTable>();
         processes->rows = {{1, 0, "/sbin/init"},
                            {terminalProcess, 1, "/usr/bin/lxterminal"},
@@ -156,6 +158,8 @@ private slots:
                 processes->remove(agentProcess);
             if (!injector->injected.isEmpty() && fault == "focus moves")
                 frontmost->app = browser;
+            if (step == 150 && fault == "window raised late")
+                frontmost->app = lxterminal;
             scheduler.advance(10);
         }
         QVERIFY(running.isReady());
