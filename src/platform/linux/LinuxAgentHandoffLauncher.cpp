@@ -102,7 +102,7 @@ QCoro::Task<void> LinuxAgentHandoffLauncher::handoff(QString prompt, AgentKind a
 
 QCoro::Task<std::optional<FrontmostApp>> LinuxAgentHandoffLauncher::terminalInFront(qint32 agentProcessID) {
     const FrontmostApp app = m_frontmost->frontmostApp();
-    if (!app.processID)
+    if (!app.processID || !m_terminal->newWindowInFront())
         co_return std::nullopt;
     const auto processes = m_processes;
     const QList<ProcessRow> rows = co_await processes->processRows();

@@ -18,6 +18,9 @@ public:
     // QuorvaneError when no terminal can be started. The returned probe tells whether the terminal
     // program has since ended in failure.
     virtual std::function<bool()> open(const QString &folder, const QString &script) = 0;
+    // Whether the window in front was opened since `open`: one terminal process often serves every
+    // window, so the process alone cannot tell the agent's window from an older one.
+    virtual bool newWindowInFront() = 0;
     // The text shown in the focused terminal window of process `terminalProcessID` (not its title);
     // absent when that terminal does not publish it.
     virtual std::optional<QString> screenText(qint32 terminalProcessID) = 0;

@@ -2,6 +2,7 @@
 
 #include "platform/linux/WindowTitleDocument.h"
 #include "platform/linux/X11Errors.h"
+#include "platform/linux/X11WindowProperties.h"
 
 #include <QUrl>
 
@@ -17,33 +18,6 @@
 namespace {
 
 constexpr int maxVisitedObjects = 2000;
-
-std::optional<QByteArray> readProperty(Display *display, Window window, const char *name, Atom type) {
-    const Atom property = XInternAtom(display, name, True);
-    if (property == None)
-        return std::nullopt;
-    Atom actualType = None;
-    int format = 0;
-    unsigned long items = 0, remaining = 0;
-    unsigned char *data = nullptr;
-    if (XGetWindowProperty(display, window, property, 0, 4096, False, type, &actualType, &format, &items, &remaining,
-                           &data) != Success ||
-        !data)
-        return std::nullopt;
-    const qsizetype size = format == 32 ? qsizetype(items * sizeof(long)) : qsizetype(items * unsigned(format) / 8);
-    QByteArray bytes(reinterpret_cast<const char *>(data), size);
-    XFree(data);
-    if (actualType == None)
-        return std::nullopt;
-    return bytes;
-}
-
-std::optional<unsigned long> readCardinal(Display *display, Window window, const char *name, Atom type) {
-    const auto bytes = readProperty(display, window, name, type);
-    if (!bytes || bytes->size() < qsizetype(sizeof(long)))
-        return std::nullopt;
-    return *reinterpret_cast<const unsigned long *>(bytes->constData());
-}
 
 std::optional<QString> localFile(const QString &url) {
     const QUrl parsed(url);
@@ -150,18 +124,18 @@ std::optional<QString> X11FocusedDocumentSource::activeWindowTitle(qint32 proces
     }
     if (!m_display)
         return std::nullopt;
-    const auto active = readCardinal(m_display, DefaultRootWindow(m_display), "_NET_ACTIVE_WINDOW", XA_WINDOW);
-    if (!active || *active == None)
+    const auto active = X11WindowProperties::activeWindow(m_display);
+    if (!active)
         return std::nullopt;
     const Window window = Window(*active);
     // Focus may have moved since the caller looked: another application's title says nothing here.
-    if (const auto owner = readCardinal(m_display, window, "_NET_WM_PID", XA_CARDINAL);
-        owner && qint32(*owner) != processID)
+    if (const auto owner = X11WindowProperties::declaredProcess(m_display, window); owner && *owner != processID)
         return std::nullopt;
     const Atom utf8 = XInternAtom(m_display, "UTF8_STRING", False);
-    if (const auto name = readProperty(m_display, window, "_NET_WM_NAME", utf8); name && !name->isEmpty())
+    if (const auto name = X11WindowProperties::read(m_display, window, "_NET_WM_NAME", utf8); name && !name->isEmpty())
         return QString::fromUtf8(*name);
-    if (const auto name = readProperty(m_display, window, "WM_NAME", AnyPropertyType); name && !name->isEmpty())
+    if (const auto name = X11WindowProperties::read(m_display, window, "WM_NAME", AnyPropertyType);
+        name && !name->isEmpty())
         return QString::fromLocal8Bit(*name);
     return std::nullopt;
 }

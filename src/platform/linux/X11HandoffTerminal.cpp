@@ -2,6 +2,7 @@
 
 #include "core/QuorvaneError.h"
 #include "platform/linux/X11Errors.h"
+#include "platform/linux/X11WindowProperties.h"
 
 #include <QProcess>
 #include <atomic>
@@ -93,6 +94,10 @@ std::function<bool()> X11HandoffTerminal::open(const QString &folder, const QStr
     const auto terminal = m_terminal ? m_terminal : TerminalEmulators::choose();
     if (!terminal)
         throw QuorvaneError::agentHandoffFailed(QStringLiteral("Terminal could not be opened"));
+    {
+        std::lock_guard lock(m_mutex);
+        m_windowsBefore = display() ? X11WindowProperties::clientWindows(display()) : QList<unsigned long>{};
+    }
     // Never parented nor deleted while it runs: destroying a QProcess kills its program, and the
     // agent's window must outlive this handoff and the app itself.
     auto *process = new QProcess;
@@ -160,12 +165,28 @@ std::optional<QString> X11HandoffTerminal::accessibleTerminalText(qint32 process
     return std::nullopt;
 }
 
-bool X11HandoffTerminal::pressReturn() {
-    std::lock_guard lock(m_mutex);
+_XDisplay *X11HandoffTerminal::display() {
     if (!m_display) {
         X11Errors::installTolerantHandler();
         m_display = XOpenDisplay(nullptr);
     }
+    return m_display;
+}
+
+bool X11HandoffTerminal::newWindowInFront() {
+    std::lock_guard lock(m_mutex);
+    if (!display())
+        return false;
+    // Without a window manager there is no list to compare with; the process check still applies.
+    const auto active = X11WindowProperties::activeWindow(m_display);
+    if (!active)
+        return true;
+    return !m_windowsBefore.contains(*active);
+}
+
+bool X11HandoffTerminal::pressReturn() {
+    std::lock_guard lock(m_mutex);
+    display();
     int eventBase = 0, errorBase = 0, major = 0, minor = 0;
     if (!m_display || !XTestQueryExtension(m_display, &eventBase, &errorBase, &major, &minor))
         return false;

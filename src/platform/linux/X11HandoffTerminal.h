@@ -17,6 +17,7 @@ public:
     ~X11HandoffTerminal() override;
 
     std::function<bool()> open(const QString &folder, const QString &script) override;
+    bool newWindowInFront() override;
     std::optional<QString> screenText(qint32 terminalProcessID) override;
     bool pressReturn() override;
 
@@ -25,7 +26,11 @@ public:
     static std::optional<QString> accessibleTerminalText(qint32 processID);
 
 private:
+    _XDisplay *display();
+
     const std::optional<TerminalEmulator> m_terminal;
+    // The managed windows that existed when the terminal was asked for a new one.
+    QList<unsigned long> m_windowsBefore;
     std::mutex m_mutex;
     _XDisplay *m_display = nullptr;
 };

@@ -17,16 +17,19 @@
 namespace {
 
 const TerminalEmulator lxterminal{QStringLiteral("/usr/bin/lxterminal"), {QStringLiteral("-e")}, true};
+const TerminalEmulator xterm{QStringLiteral("/usr/bin/xterm"), {QStringLiteral("-e")}, false};
 
 // The real terminal, counting the windows it opens.
 class CountingTerminal final : public HandoffTerminal {
 public:
-    X11HandoffTerminal real{lxterminal};
+    explicit CountingTerminal(const TerminalEmulator &terminal) : real(terminal) {}
+    X11HandoffTerminal real;
     int opened = 0;
     std::function<bool()> open(const QString &folder, const QString &script) override {
         ++opened;
         return real.open(folder, script);
     }
+    bool newWindowInFront() override { return real.newWindowInFront(); }
     std::optional<QString> screenText(qint32 terminalProcessID) override { return real.screenText(terminalProcessID); }
     bool pressReturn() override { return real.pressReturn(); }
 };
@@ -66,26 +69,31 @@ private slots:
     // A real terminal starts the agent in the repository; it gets the prompt and Return only when
     // its first screen asks nothing, and nothing opens when there is no agent.
     void handsOffInRealTerminal_data() {
+        QTest::addColumn<QString>("terminalProgram");
         QTest::addColumn<QString>("repositoryName");
         QTest::addColumn<QString>("banner"); // empty: no agent installed
         QTest::addColumn<QString>("reason"); // empty: handed off
         QTest::addColumn<int>("windows");
-        QTest::newRow("ready agent") << "project"
-                                     << "Stand-in agent ready"
-                                     << "" << 1;
-        QTest::newRow("quote in the repository path") << "it's here"
-                                                      << "Stand-in agent ready"
-                                                      << "" << 1;
+        const QString ready = "Stand-in agent ready";
+        const QString lx = lxterminal.program;
+        QTest::newRow("ready agent") << lx << "project" << ready << "" << 1;
+        QTest::newRow("quote in the repository path") << lx << "it's here" << ready << "" << 1;
         QTest::newRow("trust question")
-            << "project"
+            << lx << "project"
             << "Do you trust the files in this folder?"
             << "finish the agent's trust or sign-in prompt, then paste the copied specification" << 1;
-        QTest::newRow("no agent installed") << "project"
+        QTest::newRow("no agent installed") << lx << "project"
                                             << ""
                                             << "Claude Code CLI is not installed in a trusted location" << 0;
+        QTest::newRow("terminal without screen text")
+            << xterm.program << "project" << ready
+            << "the terminal's screen could not be read, so the prompt was not pasted" << 1;
     }
     void handsOffInRealTerminal() {
+        QFETCH(QString, terminalProgram);
         QFETCH(QString, repositoryName);
+        if (!QFileInfo(terminalProgram).isExecutable())
+            QSKIP("the terminal is not installed");
         QFETCH(QString, banner);
         LogRecorder log;
         TempGitRepository repo(repositoryName);
@@ -98,7 +106,7 @@ private slots:
             QVERIFY(TempGitRepository::writeFile(agent, standInAgent(banner, record), true));
 
         auto injector = std::make_shared<XdotoolTypingInjector>();
-        auto terminal = std::make_shared<CountingTerminal>();
+        auto terminal = std::make_shared<CountingTerminal>(terminalProgram == xterm.program ? xterm : lxterminal);
         LinuxAgentHandoffLauncher launcher(injector, std::make_shared<X11FrontmostApp>(),
                                            std::make_shared<ProcProcessTreeSource>(), terminal, home,
                                            repo.scratch() + "/handoffs");

@@ -87,6 +87,9 @@ private slots:
         QTest::newRow("another application in front")
             << "focus elsewhere"
             << "focus changed before the prompt could be submitted" << true << false << false;
+        QTest::newRow("an older window of the terminal in front")
+            << "older window"
+            << "focus changed before the prompt could be submitted" << true << false << false;
         QTest::newRow("window raised late") << "window raised late"
                                             << "" << true << true << true;
         QTest::newRow("screen unreadable")
@@ -145,6 +148,7 @@ private slots:
         if (fault == "screen stays blank")
             terminal->screens = {""};
         terminal->returnPosts = fault != "no return";
+        terminal->windowInFrontIsNew = fault != "older window";
         ManualScheduler scheduler;
         LinuxAgentHandoffLauncher launcher(injector, frontmost, processes, terminal, home, launchers, scheduler);
         QCOMPARE(launcher.isAgentAvailable(AgentKind::claude), fault != "no agent");

@@ -17,6 +17,7 @@ public:
     // What each read shows, in turn; the last one stays.
     QList<std::optional<QString>> screens{QStringLiteral("Welcome to the agent\n> ")};
     bool returnPosts = true;
+    bool windowInFrontIsNew = true;
 
     QStringList opened;        // the folder and script of each window
     QList<qint32> screensRead; // the terminal process asked for
@@ -37,6 +38,7 @@ public:
         const bool rejected = rejects;
         return [rejected] { return rejected; };
     }
+    bool newWindowInFront() override { return windowInFrontIsNew; }
     std::optional<QString> screenText(qint32 terminalProcessID) override {
         screensRead << terminalProcessID;
         return screens.size() > 1 ? screens.takeFirst() : screens.first();
