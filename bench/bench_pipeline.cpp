@@ -139,7 +139,7 @@ int main(int argc, char **argv) {
     kit.injector = injector;
     kit.frontmostApp = std::make_shared<FakeFrontmostApp>();
     kit.notifier = std::make_shared<RecordingNotifier>();
-    kit.nativeAsrEngine = [&] {
+    kit.nativeAsrEngine = [&](const QString &) {
         return std::make_unique<TimedEngine>(
             std::make_unique<WhisperServerEngine>(config.whisperEndpoint, config.locale));
     };

@@ -1,42 +1,43 @@
 #include "app/AppShell.h"
 
+#include "app/RecordingOverlay.h"
+#include "app/SettingsApplier.h"
+#include "app/TrayIcon.h"
+#include "app/TrayMenu.h"
 #include "core/AppInfo.h"
 #include "core/Async.h"
+#include "core/LaunchAtLogin.h"
 #include "core/Log.h"
 #include "core/Paths.h"
 #include "core/Terminal.h"
 #include "pipeline/Pipeline.h"
 #include "platform/PlatformKitFactory.h"
+#include "platform/PresentingNotifier.h"
+#ifdef Q_OS_LINUX
+#include "platform/linux/FreedesktopNotifications.h"
+#endif
 
-#include <QAction>
 #include <QApplication>
-#include <QIcon>
+#include <QDesktopServices>
+#include <QFileDialog>
+#include <QInputDialog>
 #include <QMenu>
-#include <QPainter>
-#include <QPixmap>
+#include <QMessageBox>
+#include <QPointer>
+#include <QProcess>
 #include <QSystemTrayIcon>
+#include <QUrl>
 
 namespace {
 
-// A microphone glyph drawn at run time, so the tray needs no image files.
-QIcon trayIcon() {
-    QPixmap pixmap(64, 64);
-    pixmap.fill(Qt::transparent);
-    QPainter painter(&pixmap);
-    painter.setRenderHint(QPainter::Antialiasing);
-    painter.setPen(Qt::NoPen);
-    painter.setBrush(Qt::black);
-    painter.drawRoundedRect(QRectF(22, 6, 20, 34), 10, 10);
-    QPen pen(Qt::black, 5);
-    pen.setCapStyle(Qt::RoundCap);
-    painter.setPen(pen);
-    painter.setBrush(Qt::NoBrush);
-    painter.drawArc(QRectF(14, 18, 36, 32), 180 * 16, 180 * 16);
-    painter.drawLine(QPointF(32, 50), QPointF(32, 58));
-    painter.end();
-    QIcon icon(pixmap);
-    icon.setIsMask(true);
-    return icon;
+QString hotkeyFixStep() {
+#ifdef Q_OS_MACOS
+    return QStringLiteral("Allow Quorvane under System Settings \u203A Privacy & Security \u203A Accessibility, then "
+                          "restart it from the menu.");
+#else
+    return QStringLiteral("Log in to an X11 session (Wayland is not supported yet), then restart Quorvane from "
+                          "the menu.");
+#endif
 }
 
 } // namespace
@@ -46,16 +47,19 @@ AppShell::AppShell() = default;
 AppShell::~AppShell() {
     for (const auto &hotkey : m_hotkeys)
         hotkey->stop();
+    // The menu's hooks and the applier reach into the pipeline: both go first.
+    m_menu.reset();
+    m_settings.reset();
 }
 
 void AppShell::startPipeline() {
     PlatformKit kit = makePlatformKit(m_config);
     const PlatformKit::HotkeyFactory makeHotkey = kit.hotkey;
+    if (auto *notifier = dynamic_cast<PresentingNotifier *>(kit.notifier.get()))
+        notifier->present = [this](const QString &title, const QString &body) { present(title, body); };
     m_pipeline = std::make_unique<Pipeline>(m_config, std::move(kit));
-    m_pipeline->onStateChange = [this](const PipelineState &state) {
-        if (m_tray)
-            m_tray->setToolTip(QStringLiteral("Quorvane \u00B7 ") + state.description());
-    };
+    m_pipeline->onStateChange = [this](const PipelineState &state) { onStateChange(state); };
+    m_pipeline->platform().capture->warmUp(m_pipeline->asr().requiredSampleRate());
 
     const std::pair<PushToTalkKey, PipelineMode> bindings[] = {
         {m_config.pushToTalkKey, PipelineMode::dictation},
@@ -73,28 +77,142 @@ void AppShell::startPipeline() {
         Log::warn(QStringLiteral("The push-to-talk keys could not be armed on this desktop."));
         Terminal::tell(QStringLiteral("The push-to-talk keys could not be armed on this desktop, so holding them "
                                       "does not record."));
+        m_pipeline->platform().notifier->notify(QStringLiteral("Push-to-talk keys are not armed"),
+                                                QStringLiteral("Quorvane cannot watch its keys on this desktop. ") +
+                                                    hotkeyFixStep());
     }
 
-    detach(m_pipeline->prepare(), [](std::exception_ptr) { Log::error(QStringLiteral("Preparation failed.")); });
+    m_settings = std::make_unique<SettingsApplier>(
+        *m_pipeline,
+        [this](PipelineMode mode) -> GlobalHotkey * {
+            const auto index = static_cast<std::size_t>(mode);
+            return index < m_hotkeys.size() ? m_hotkeys[index].get() : nullptr;
+        },
+        [](bool enabled) { LaunchAtLogin::set(enabled); });
+    detach(prepareAndReport(), [](std::exception_ptr) { Log::error(QStringLiteral("Preparation failed.")); });
+}
+
+QCoro::Task<void> AppShell::prepareAndReport() {
+    QPointer<AppShell> self(this);
+    co_await m_pipeline->prepare();
+    if (self && m_pipeline->state().kind == PipelineState::Kind::error)
+        m_pipeline->platform().notifier->notify(QStringLiteral("Quorvane is not ready"), m_pipeline->state().message);
+}
+
+void AppShell::onStateChange(const PipelineState &state) {
+    if (m_tray) {
+        m_tray->setIcon(trayIcon(state.kind));
+        m_tray->setToolTip(QStringLiteral("Quorvane \u00B7 ") + TrayMenu::stateText(state));
+    }
+    if (!m_overlay)
+        return;
+    if (m_config.showOverlay)
+        m_overlay->showState(state, m_pipeline->activeMode());
+    else
+        m_overlay->showState(PipelineState::idle(), m_pipeline->activeMode());
+}
+
+void AppShell::applySettings(const Config &updated) {
+    m_config = updated;
+    if (m_settings)
+        m_settings->apply(updated);
+    if (!m_config.showOverlay && m_overlay)
+        m_overlay->showState(PipelineState::idle(), PipelineMode::dictation);
+}
+
+void AppShell::present(const QString &title, const QString &body) {
+    QPointer<AppShell> self(this);
+    const auto balloon = [self, title, body] {
+        if (self && self->m_tray && self->m_tray->isVisible())
+            self->m_tray->showMessage(title, body);
+    };
+#ifdef Q_OS_LINUX
+    FreedesktopNotifications::show(title, body, balloon);
+#else
+    balloon();
+#endif
+}
+
+void AppShell::deleteRetainedData() {
+    m_pipeline->learner().clear();
+    m_pipeline->store().deleteRetainedData(this, [this](std::optional<QString> error) {
+        if (error)
+            m_pipeline->platform().notifier->notify(QStringLiteral("Could not delete everything"),
+                                                    QStringLiteral("Quorvane %1.").arg(*error));
+        else
+            Log::info(QStringLiteral("Retained data deleted by the user."));
+    });
+}
+
+void AppShell::openVocabulary() {
+    m_pipeline->store().ensureVocabularyFile();
+    QDesktopServices::openUrl(QUrl::fromLocalFile(m_pipeline->store().vocabularyPath()));
+}
+
+void AppShell::restart() {
+    QStringList arguments = QCoreApplication::arguments();
+    arguments.removeFirst();
+    if (!QProcess::startDetached(QCoreApplication::applicationFilePath(), arguments)) {
+        Log::error(QStringLiteral("Could not restart Quorvane."));
+        return;
+    }
+    QCoreApplication::quit();
+}
+
+void AppShell::buildTray() {
+    TrayMenu::Hooks hooks;
+    hooks.keyName = m_pipeline->platform().keyDisplayName;
+    hooks.isAgentAvailable = [this](AgentKind agent) { return m_pipeline->isAgentAvailable(agent); };
+    hooks.status = [this] {
+        TrayMenu::Status status;
+        status.state = m_pipeline->state();
+        status.learnedWords = m_pipeline->learner().learnedCount();
+        status.historyCount = m_pipeline->store().totalCount();
+        status.p50 = m_pipeline->latency().percentile(50);
+        status.p95 = m_pipeline->latency().percentile(95);
+        return status;
+    };
+    hooks.chooseFolder = []() -> std::optional<QString> {
+        const QString folder = QFileDialog::getExistingDirectory(nullptr, QStringLiteral("Repository for Prompt Mode"));
+        return folder.isEmpty() ? std::nullopt : std::optional<QString>(folder);
+    };
+    hooks.askOllamaModel = [](const QString &current) -> std::optional<QString> {
+        bool ok = false;
+        const QString name =
+            QInputDialog::getText(nullptr, QStringLiteral("Ollama model"),
+                                  QStringLiteral("Model name, as Ollama lists it:"), QLineEdit::Normal, current, &ok);
+        return ok ? std::optional<QString>(name) : std::nullopt;
+    };
+    hooks.confirm = [](const QString &title, const QString &question) {
+        return QMessageBox::question(nullptr, title, question, QMessageBox::Yes | QMessageBox::Cancel,
+                                     QMessageBox::Cancel) == QMessageBox::Yes;
+    };
+    hooks.inform = [](const QString &title, const QString &message) {
+        QMessageBox::information(nullptr, title, message);
+    };
+    hooks.onChange = [this](const Config &updated) { applySettings(updated); };
+    hooks.forgetLearnedWords = [this] { m_pipeline->learner().clear(); };
+    hooks.deleteRetainedData = [this] { deleteRetainedData(); };
+    hooks.openVocabulary = [this] { openVocabulary(); };
+    hooks.restart = [this] { restart(); };
+    hooks.quit = [] { QCoreApplication::quit(); };
+    m_menu = std::make_unique<TrayMenu>(m_config, std::move(hooks));
+
+    m_tray = std::make_unique<QSystemTrayIcon>(trayIcon(m_pipeline->state().kind));
+    m_tray->setToolTip(QStringLiteral("Quorvane \u00B7 ") + TrayMenu::stateText(m_pipeline->state()));
+    m_tray->setContextMenu(m_menu->menu());
+    if (!QSystemTrayIcon::isSystemTrayAvailable())
+        Log::warn(QStringLiteral("No system tray is available; Quorvane keeps running without its icon."));
+    m_tray->show();
+
+    m_overlay = std::make_unique<RecordingOverlay>();
+    // Asked afresh each time: a reload may have replaced the capture.
+    m_overlay->level = [this] { return m_pipeline->platform().capture->currentLevel(); };
 }
 
 void AppShell::start() {
     m_config = Config::load(Paths::file(QStringLiteral("config.json")));
     Log::info(QStringLiteral("Quorvane %1 started").arg(AppInfo::version()));
-
-    m_menu = std::make_unique<QMenu>();
-    QAction *version = m_menu->addAction(QStringLiteral("Quorvane %1").arg(AppInfo::version()));
-    version->setEnabled(false);
-    m_menu->addSeparator();
-    QAction *quit = m_menu->addAction(QStringLiteral("Quit Quorvane"));
-    connect(quit, &QAction::triggered, qApp, &QApplication::quit);
-
-    m_tray = std::make_unique<QSystemTrayIcon>(trayIcon());
-    m_tray->setToolTip(QStringLiteral("Quorvane"));
-    m_tray->setContextMenu(m_menu.get());
-    if (!QSystemTrayIcon::isSystemTrayAvailable())
-        Log::warn(QStringLiteral("No system tray is available; Quorvane keeps running without its icon."));
-    m_tray->show();
-
     startPipeline();
+    buildTray();
 }

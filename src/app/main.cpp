@@ -26,7 +26,7 @@ int runCommand(int argc, char **argv, const Command &command) {
             const PlatformKit kit = makePlatformKit();
             co_return co_await Verify::run(command.wavPath, command.locale, {kit.nativeAsrEngine, kit.nativeFormatter});
         }
-        co_return co_await SpeechBenchmark::run(command.commandArguments);
+        co_return co_await SpeechBenchmark::run(command.commandArguments, makePlatformKit().nativeAsrEngine);
     };
     const int status = syncWait(task());
     // The log writes on its own thread; let it finish before statics go away.

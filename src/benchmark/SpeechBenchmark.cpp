@@ -174,10 +174,7 @@ QCoro::Task<int> run(QStringList arguments, NativeEngineFactory nativeFactory) {
         case BenchmarkOptions::Engine::fromSettings:
             break;
         }
-        NativeAsrFactory native;
-        if (nativeFactory)
-            native = [&nativeFactory, locale] { return nativeFactory(locale); };
-        return makeAsr(chosen, native);
+        return makeAsr(chosen, nativeFactory);
     };
 
     QList<BenchmarkClip> clips = manifest.clips;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "speech/AsrEngine.h"
+#include "pipeline/EngineChoice.h"
 
 #include <QCoro/QCoroTask>
 #include <QStringList>
@@ -12,7 +12,7 @@
 namespace SpeechBenchmark {
 
 // The platform's on-device recogniser for a locale; empty (or returning null) where there is none.
-using NativeEngineFactory = std::function<std::unique_ptr<AsrEngine>(const QString &locale)>;
+using NativeEngineFactory = NativeAsrFactory;
 
 // Without an on-device recogniser.
 QCoro::Task<int> run(const QStringList &arguments);

@@ -352,10 +352,14 @@ void Config::save(const QString &path) const {
 }
 
 std::optional<QString> Config::styleInstruction(const std::optional<QString> &bundleID) const {
+    return AppRule::styleFor(appRules, bundleID);
+}
+
+std::optional<QString> AppRule::styleFor(const QList<AppRule> &rules, const std::optional<QString> &bundleID) {
     if (!bundleID)
         return std::nullopt;
     const AppRule *best = nullptr;
-    for (const AppRule &rule : appRules) {
+    for (const AppRule &rule : rules) {
         if (!bundleID->startsWith(rule.bundleIDPrefix))
             continue;
         if (!best || rule.bundleIDPrefix.size() > best->bundleIDPrefix.size())

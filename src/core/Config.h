@@ -29,6 +29,9 @@ struct AppRule {
     QString bundleIDPrefix;
     QString styleInstruction;
     bool operator==(const AppRule &) const = default;
+
+    // The style of the rule with the longest prefix of `bundleID`, if any.
+    static std::optional<QString> styleFor(const QList<AppRule> &rules, const std::optional<QString> &bundleID);
 };
 
 struct SpeechLocaleChoice {

@@ -19,8 +19,7 @@ public:
         return handle;
     }
     using Scheduler::scheduleOn;
-    Handle scheduleOn(std::weak_ptr<SerialQueue::Worker> queue, qint64 delayMs,
-                      std::function<void()> action) override {
+    Handle scheduleOn(std::weak_ptr<SerialQueue::Worker> queue, qint64 delayMs, std::function<void()> action) override {
         auto handle = std::make_shared<std::atomic<bool>>(false);
         if (auto worker = queue.lock())
             worker->asyncAfter(delayMs, [handle, action = std::move(action)] {

@@ -6,7 +6,7 @@
 
 std::unique_ptr<AsrEngine> makeAsr(const Config &config, const NativeAsrFactory &nativeFactory) {
     if (config.asr == AsrKind::appleSpeech && nativeFactory) {
-        if (std::unique_ptr<AsrEngine> native = nativeFactory())
+        if (std::unique_ptr<AsrEngine> native = nativeFactory(config.locale))
             return native;
     }
     return std::make_unique<WhisperServerEngine>(config.whisperEndpoint, config.locale);

@@ -7,8 +7,9 @@
 #include <functional>
 #include <memory>
 
-// Builds the platform's on-device recogniser; empty (or returning null) where there is none.
-using NativeAsrFactory = std::function<std::unique_ptr<AsrEngine>()>;
+// Builds the platform's on-device recogniser for a locale ("en-US"); empty (or returning null) where
+// there is none.
+using NativeAsrFactory = std::function<std::unique_ptr<AsrEngine>(const QString &locale)>;
 
 // The speech engine the settings choose: the on-device recogniser when the settings ask for it and
 // the platform has one, otherwise the whisper.cpp server at the configured endpoint and locale.

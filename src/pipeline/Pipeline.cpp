@@ -278,6 +278,8 @@ void Pipeline::gatherContext(PipelineMode mode, QStringList &hints) {
     FormattingContext context;
     context.appName = app.name;
     context.styleInstruction = m_config.styleInstruction(app.bundleID);
+    if (!context.styleInstruction)
+        context.styleInstruction = AppRule::styleFor(m_platform.appRules, app.bundleID);
     QStringList vocabulary = m_store->vocabulary();
     if (m_config.learnVocabulary)
         vocabulary += m_learner->learnedTerms();

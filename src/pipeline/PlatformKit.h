@@ -41,6 +41,9 @@ struct PlatformKit {
     // Builds the capture the settings ask for: the user's recorder when captureCommand is set,
     // else the desktop's microphone. Called again when a reload changes captureCommand.
     std::function<std::shared_ptr<AudioCapturing>(const Config &)> makeCapture;
+    // This desktop's own names for the applications the default style rules cover; consulted
+    // when none of the user's rules matches.
+    QList<AppRule> appRules;
     // How each mode key is named on this desktop.
     std::function<QString(PushToTalkKey)> keyDisplayName;
 

@@ -48,17 +48,24 @@ QString quoted(const QString &text) {
 
 Engines chooseEngines(const QString &locale, const NativeEngines &native) {
     Engines engines;
-    if (native.asr)
-        engines.asr = native.asr();
-    if (native.formatter)
+    // A platform with an on-device model checks its own stack whatever the settings say. One
+    // without (Linux) checks what the settings choose, where the default recogniser is its own.
+    if (native.formatter) {
         engines.formatter = native.formatter();
+        if (native.asr)
+            engines.asr = native.asr(locale);
+    }
     if (!engines.asr || !engines.formatter) {
         Config settings = Config::load(Paths::file(QStringLiteral("config.json")));
         settings.locale = locale;
         if (!engines.asr)
-            engines.asr = makeAsr(settings, {});
+            engines.asr = makeAsr(settings, native.formatter ? NativeAsrFactory() : native.asr);
+        // Without an on-device model the check runs without formatting, rather than failing on a
+        // server the user never set up.
         if (!engines.formatter)
-            engines.formatter = makeFormatter(settings, {});
+            engines.formatter = settings.formatter == FormatterKind::appleFoundation
+                                    ? std::make_unique<PassthroughFormatter>()
+                                    : makeFormatter(settings, {});
     }
     return engines;
 }

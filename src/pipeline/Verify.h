@@ -21,8 +21,9 @@ struct Engines {
     std::unique_ptr<TextFormatter> formatter;
 };
 
-// The check proves the platform's own stack, so each part is the on-device one whatever the
-// settings say. Where the platform has none, the part the settings choose stands in, at `locale`.
+// Where the platform has an on-device language model the check proves the platform's own stack
+// whatever the settings say; elsewhere the settings choose, at `locale`, the on-device recogniser
+// standing for the default engine.
 Engines chooseEngines(const QString &locale, const NativeEngines &native);
 
 QCoro::Task<int> run(QString wavPath, QString locale, NativeEngines native = {});

@@ -65,8 +65,11 @@ private slots:
         int factoryCalls = 0;
         NativeAsrFactory factory;
         if (native != Native::none) {
-            factory = [&]() -> std::unique_ptr<AsrEngine> {
+            factory = [&](const QString &locale) -> std::unique_ptr<AsrEngine> {
                 ++factoryCalls;
+                // The engine is built for the configured language.
+                if (locale != config.locale)
+                    return nullptr;
                 if (native == Native::declines)
                     return nullptr;
                 return std::make_unique<OnDeviceEngine>();
@@ -129,12 +132,14 @@ private slots:
         }
     }
 
-    // The transcribe check runs the platform's own stack, not what the user configured.
+    // The transcribe check runs the platform's own stack, not what the user configured, where the
+    // platform has one.
     void transcribeCheckPrefersThePlatformsOwnStack_data() {
         QTest::addColumn<bool>("nativeAsr");
         QTest::addColumn<bool>("nativeModel");
         QTest::newRow("both on device") << true << true;
         QTest::newRow("model only") << false << true;
+        QTest::newRow("recogniser only: the settings' choice") << true << false;
         QTest::newRow("neither: the settings' choice") << false << false;
     }
     void transcribeCheckPrefersThePlatformsOwnStack() {
@@ -148,13 +153,13 @@ private slots:
         file.close();
         Verify::NativeEngines native;
         if (nativeAsr)
-            native.asr = [] { return std::make_unique<OnDeviceEngine>(); };
+            native.asr = [](const QString &) { return std::make_unique<OnDeviceEngine>(); };
         if (nativeModel)
             native.formatter = [] {
                 return std::make_unique<FoundationModelFormatter>(std::make_shared<ScriptedOnDeviceModel>());
             };
         const Verify::Engines engines = Verify::chooseEngines(QStringLiteral("pt-BR"), native);
-        if (nativeAsr) {
+        if (nativeAsr && nativeModel) {
             QCOMPARE(engines.asr->name(), QStringLiteral("on-device"));
         } else {
             const auto *whisper = dynamic_cast<const WhisperServerEngine *>(engines.asr.get());

@@ -88,8 +88,8 @@ private slots:
         const Clipboard mine = ScriptedTextBackend::plainText("mine");
         QTest::newRow("user copies") << rich << "user copies" << mine << mine;
         // The first restore is skipped; the second snapshot, our first text, is what comes back.
-        QTest::newRow("second injection") << rich << "second injection" << ScriptedTextBackend::plainText("again")
-                                          << injected;
+        QTest::newRow("second injection")
+            << rich << "second injection" << ScriptedTextBackend::plainText("again") << injected;
         QTest::newRow("chord fails") << rich << "chord fails" << injected << injected;
     }
     void restoresClipboard() {

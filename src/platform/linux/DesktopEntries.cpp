@@ -81,9 +81,8 @@ std::optional<DesktopEntries::Entry> DesktopEntries::match(const Window &window)
         if (auto entry = find([&](const Entry &e) { return e.id == declared; }))
             return entry;
     if (!window.wmClass.isEmpty())
-        if (auto entry = find([&](const Entry &e) {
-                return e.startupWMClass.compare(window.wmClass, Qt::CaseInsensitive) == 0;
-            }))
+        if (auto entry = find(
+                [&](const Entry &e) { return e.startupWMClass.compare(window.wmClass, Qt::CaseInsensitive) == 0; }))
             return entry;
     for (const QString &name : {window.wmClass, window.wmInstance})
         if (!name.isEmpty())

@@ -15,10 +15,9 @@ void show(const QString &title, const QString &body, std::function<void()> fallb
             fallback();
         return;
     }
-    QDBusMessage call =
-        QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.Notifications"),
-                                       QStringLiteral("/org/freedesktop/Notifications"),
-                                       QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("Notify"));
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("/org/freedesktop/Notifications"),
+        QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("Notify"));
     call << QStringLiteral("Quorvane") << uint(0) << QStringLiteral("audio-input-microphone") << title << body
          << QStringList() << QVariantMap() << int(-1);
     auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 2000));

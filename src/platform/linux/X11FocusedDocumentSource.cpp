@@ -2,7 +2,7 @@
 
 #include "platform/linux/WindowTitleDocument.h"
 #include "platform/linux/X11Errors.h"
-#include "platform/linux/X11WindowProperties.h"
+#include "platform/linux/X11Windows.h"
 
 #include <QUrl>
 
@@ -124,17 +124,16 @@ std::optional<QString> X11FocusedDocumentSource::activeWindowTitle(qint32 proces
     }
     if (!m_display)
         return std::nullopt;
-    const auto active = X11WindowProperties::activeWindow(m_display);
-    if (!active)
+    const Window window = X11Windows::activeWindow(m_display);
+    if (window == None)
         return std::nullopt;
-    const Window window = Window(*active);
     // Focus may have moved since the caller looked: another application's title says nothing here.
-    if (const auto owner = X11WindowProperties::declaredProcess(m_display, window); owner && *owner != processID)
+    if (const auto owner = X11Windows::processOf(m_display, window); owner && *owner != processID)
         return std::nullopt;
     const Atom utf8 = XInternAtom(m_display, "UTF8_STRING", False);
-    if (const auto name = X11WindowProperties::read(m_display, window, "_NET_WM_NAME", utf8); name && !name->isEmpty())
+    if (const auto name = X11Windows::readProperty(m_display, window, "_NET_WM_NAME", utf8); name && !name->isEmpty())
         return QString::fromUtf8(*name);
-    if (const auto name = X11WindowProperties::read(m_display, window, "WM_NAME", AnyPropertyType);
+    if (const auto name = X11Windows::readProperty(m_display, window, "WM_NAME", AnyPropertyType);
         name && !name->isEmpty())
         return QString::fromLocal8Bit(*name);
     return std::nullopt;

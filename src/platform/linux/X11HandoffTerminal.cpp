@@ -2,7 +2,7 @@
 
 #include "core/QuorvaneError.h"
 #include "platform/linux/X11Errors.h"
-#include "platform/linux/X11WindowProperties.h"
+#include "platform/linux/X11Windows.h"
 
 #include <QProcess>
 #include <atomic>
@@ -14,6 +14,7 @@
 #include <atspi/atspi.h>
 #pragma pop_macro("signals")
 
+#include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
 #include <X11/keysym.h>
@@ -81,6 +82,15 @@ QList<AtspiAccessible *> findTerminals(AtspiAccessible *root, int &budget) {
     return found;
 }
 
+// The window manager's list of its top-level windows; empty without one.
+QList<unsigned long> managedWindows(Display *display) {
+    QList<unsigned long> windows;
+    if (const auto bytes = X11Windows::readProperty(display, DefaultRootWindow(display), "_NET_CLIENT_LIST", XA_WINDOW))
+        for (qsizetype at = 0; at + qsizetype(sizeof(long)) <= bytes->size(); at += sizeof(long))
+            windows << *reinterpret_cast<const unsigned long *>(bytes->constData() + at);
+    return windows;
+}
+
 } // namespace
 
 X11HandoffTerminal::X11HandoffTerminal(std::optional<TerminalEmulator> terminal) : m_terminal(std::move(terminal)) {}
@@ -96,7 +106,7 @@ std::function<bool()> X11HandoffTerminal::open(const QString &folder, const QStr
         throw QuorvaneError::agentHandoffFailed(QStringLiteral("Terminal could not be opened"));
     {
         std::lock_guard lock(m_mutex);
-        m_windowsBefore = display() ? X11WindowProperties::clientWindows(display()) : QList<unsigned long>{};
+        m_windowsBefore = display() ? managedWindows(display()) : QList<unsigned long>{};
     }
     // Never parented nor deleted while it runs: destroying a QProcess kills its program, and the
     // agent's window must outlive this handoff and the app itself.
@@ -178,10 +188,8 @@ bool X11HandoffTerminal::newWindowInFront() {
     if (!display())
         return false;
     // Without a window manager there is no list to compare with; the process check still applies.
-    const auto active = X11WindowProperties::activeWindow(m_display);
-    if (!active)
-        return true;
-    return !m_windowsBefore.contains(*active);
+    const unsigned long active = X11Windows::activeWindow(m_display);
+    return active != None && !m_windowsBefore.contains(active);
 }
 
 bool X11HandoffTerminal::pressReturn() {

@@ -1,14 +1,40 @@
 #include "platform/PlatformKitFactory.h"
 
 #include "formatting/FoundationModelFormatter.h"
+#include "platform/PasteTextInjector.h"
+#include "platform/PresentingNotifier.h"
+#include "platform/PushToTalkHotkey.h"
+#include "platform/WarmMicrophone.h"
+#include "platform/mac/MacAudioCapture.h"
 #include "platform/mac/MacFocusedDocumentSource.h"
+#include "platform/mac/MacFrontmostApp.h"
+#include "platform/mac/MacHotkey.h"
 #include "platform/mac/MacOnDeviceModel.h"
 #include "platform/mac/MacProcessTreeSource.h"
+#include "platform/mac/MacTextInjector.h"
 #include "repository/RepositoryContextProvider.h"
 
 PlatformKit makePlatformKit(const Config &config) {
     PlatformKit kit = PlatformKit::fallbacks();
+    kit.hotkey = [](PushToTalkKey key) -> std::unique_ptr<GlobalHotkey> {
+        return std::make_unique<PushToTalkHotkey>(key, std::make_shared<MacHotkey>());
+    };
+    kit.keyDisplayName = [](PushToTalkKey key) { return PhysicalKey::mac(key).displayName; };
+
+    // One microphone for the life of the kit, so it stays warm across settings reloads.
+    kit.makeCapture =
+        PlatformKit::captureFactory(std::make_shared<WarmMicrophone>(std::make_shared<MacAudioCapture>()));
     kit.capture = kit.makeCapture(config);
+
+    auto text = std::make_shared<PasteTextInjector>(std::make_shared<MacTextInjector>());
+    kit.injector = text;
+    kit.selectionEditor = text;
+    kit.frontmostApp = std::make_shared<MacFrontmostApp>();
+    // The shell installs `present`.
+    kit.notifier = std::make_shared<PresentingNotifier>();
+    kit.nativeFormatter = []() -> std::unique_ptr<TextFormatter> {
+        return std::make_unique<FoundationModelFormatter>(std::make_shared<MacOnDeviceModel>());
+    };
 
     // Wired last, against the frontmost-app service the kit ends up with.
     std::weak_ptr<FrontmostAppProvider> frontmost = kit.frontmostApp;
@@ -19,8 +45,5 @@ PlatformKit makePlatformKit(const Config &config) {
                 return provider->frontmostApp().processID;
             return std::nullopt;
         });
-    kit.nativeFormatter = []() -> std::unique_ptr<TextFormatter> {
-        return std::make_unique<FoundationModelFormatter>(std::make_shared<MacOnDeviceModel>());
-    };
     return kit;
 }

@@ -1,4 +1,5 @@
 #include "platform/linux/DesktopEntries.h"
+#include "platform/linux/LinuxAppRules.h"
 
 #include <QDir>
 #include <QFile>
@@ -26,15 +27,41 @@ private slots:
         QTest::addColumn<QString>("wmClass");
         QTest::addColumn<QString>("id");
         QTest::addColumn<QString>("name");
-        QTest::newRow("declared application id") << "org.gnome.Terminal" << "gnome-terminal-server"
-                                                 << "Gnome-terminal" << "org.gnome.Terminal" << "Terminal";
-        QTest::newRow("KDE desktop file name") << "org.kde.konsole.desktop" << "konsole" << "konsole"
-                                               << "org.kde.konsole" << "Konsole";
-        QTest::newRow("StartupWMClass, any case") << "" << "xterm" << "xterm" << "debian-xterm" << "XTerm";
-        QTest::newRow("id equal to the class") << "" << "code" << "Code" << "code" << "Visual Studio Code";
-        QTest::newRow("subfolder joins with a dash") << "" << "thing" << "kde-thing" << "kde-thing" << "Thing";
-        QTest::newRow("the user's own entry wins") << "" << "slack" << "Slack" << "slack" << "Slack (mine)";
-        QTest::newRow("unknown") << "" << "nothing" << "Nothing" << "" << "";
+        QTest::newRow("declared application id") << "org.gnome.Terminal"
+                                                 << "gnome-terminal-server"
+                                                 << "Gnome-terminal"
+                                                 << "org.gnome.Terminal"
+                                                 << "Terminal";
+        QTest::newRow("KDE desktop file name") << "org.kde.konsole.desktop"
+                                               << "konsole"
+                                               << "konsole"
+                                               << "org.kde.konsole"
+                                               << "Konsole";
+        QTest::newRow("StartupWMClass, any case") << ""
+                                                  << "xterm"
+                                                  << "xterm"
+                                                  << "debian-xterm"
+                                                  << "XTerm";
+        QTest::newRow("id equal to the class") << ""
+                                               << "code"
+                                               << "Code"
+                                               << "code"
+                                               << "Visual Studio Code";
+        QTest::newRow("subfolder joins with a dash") << ""
+                                                     << "thing"
+                                                     << "kde-thing"
+                                                     << "kde-thing"
+                                                     << "Thing";
+        QTest::newRow("the user's own entry wins") << ""
+                                                   << "slack"
+                                                   << "Slack"
+                                                   << "slack"
+                                                   << "Slack (mine)";
+        QTest::newRow("unknown") << ""
+                                 << "nothing"
+                                 << "Nothing"
+                                 << ""
+                                 << "";
     }
     void matchesWindowsToTheirApplications() {
         QFETCH(QString, applicationID);
@@ -58,6 +85,33 @@ private slots:
         const auto match = entries.match({applicationID, wmInstance, wmClass});
         QCOMPARE(match ? match->id : QString(), id);
         QCOMPARE(match ? match->name : QString(), name);
+    }
+
+    // The desktop's names reach the same styles as the default rules' macOS names.
+    void linuxApplicationsGetTheDefaultStyles_data() {
+        QTest::addColumn<QString>("identity");
+        QTest::addColumn<QString>("macBundleID");
+        QTest::newRow("GNOME Terminal") << "org.gnome.Terminal"
+                                        << "com.apple.Terminal";
+        QTest::newRow("xterm's entry") << "debian-xterm"
+                                       << "com.apple.Terminal";
+        QTest::newRow("Slack flatpak") << "com.slack.Slack"
+                                       << "com.tinyspeck.slackmacgap";
+        QTest::newRow("Thunderbird") << "org.mozilla.Thunderbird"
+                                     << "com.apple.mail";
+        QTest::newRow("VS Code") << "code"
+                                 << "com.microsoft.VSCode";
+        QTest::newRow("Signal") << "signal-desktop"
+                                << "com.apple.MobileSMS";
+        QTest::newRow("no rule") << "org.gnome.gedit"
+                                 << "";
+    }
+    void linuxApplicationsGetTheDefaultStyles() {
+        QFETCH(QString, identity);
+        QFETCH(QString, macBundleID);
+        const auto expected =
+            macBundleID.isEmpty() ? std::nullopt : AppRule::styleFor(Config::defaultAppRules(), macBundleID);
+        QCOMPARE(AppRule::styleFor(linuxAppRules(), identity), expected);
     }
 };
 

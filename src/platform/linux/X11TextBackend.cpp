@@ -1,0 +1,356 @@
+#include "platform/linux/X11TextBackend.h"
+
+#include "core/Log.h"
+#include "platform/linux/AtspiFocus.h"
+#include "platform/linux/X11Errors.h"
+#include "platform/linux/X11Windows.h"
+
+#include <QAbstractNativeEventFilter>
+#include <QClipboard>
+#include <QElapsedTimer>
+#include <QGuiApplication>
+#include <QMimeData>
+#include <QWindow>
+#include <algorithm>
+#include <chrono>
+#include <poll.h>
+#include <thread>
+
+// Xlib's macros (None, Bool, KeyPress…) collide with Qt's names: it comes after every Qt header.
+#include <X11/XKBlib.h>
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+#include <X11/extensions/XTest.h>
+#include <X11/keysym.h>
+#include <xcb/xcb.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A hung clipboard owner would block Qt for 5 s; a healthy one answers TARGETS in a few ms.
+constexpr auto ownerDeadline = std::chrono::milliseconds(300);
+// The push-to-talk key is itself a modifier, still down when the text is ready.
+constexpr auto modifierDeadline = std::chrono::milliseconds(1000);
+constexpr auto modifierPoll = std::chrono::milliseconds(10);
+
+// Qt's own stand-in for any image format; its data is not the owner's bytes.
+const QString qtImageFormat = QStringLiteral("application/x-qt-image");
+
+// Terminals that paste the PRIMARY selection with Shift+Insert.
+const QStringList xtermLikes = {"xterm", "uxterm", "urxvt", "rxvt", "rxvt-unicode"};
+// Terminals where Ctrl+V is a control character and the paste is Ctrl+Shift+V.
+const QStringList terminals = {"gnome-terminal",
+                               "gnome-terminal-server",
+                               "org.gnome.terminal",
+                               "konsole",
+                               "xfce4-terminal",
+                               "kitty",
+                               "alacritty",
+                               "tilix",
+                               "com.gexperts.tilix",
+                               "terminator",
+                               "foot",
+                               "footclient",
+                               "mate-terminal",
+                               "lxterminal",
+                               "qterminal",
+                               "terminology",
+                               "sakura",
+                               "guake",
+                               "tilda",
+                               "st-256color",
+                               "wezterm",
+                               "org.wezfurlong.wezterm"};
+
+bool anyModifierDown(Display *display, const XModifierKeymap *modifiers) {
+    char keys[32] = {};
+    XQueryKeymap(display, keys);
+    const int codes = 8 * modifiers->max_keypermod;
+    for (int i = 0; i < codes; ++i)
+        if (const KeyCode code = modifiers->modifiermap[i]; code && (keys[code / 8] & (1 << (code % 8))))
+            return true;
+    return false;
+}
+
+void waitForModifiersUp(Display *display) {
+    XModifierKeymap *modifiers = XGetModifierMapping(display);
+    if (!modifiers)
+        return;
+    const auto deadline = Clock::now() + modifierDeadline;
+    bool held = anyModifierDown(display, modifiers);
+    while (held && Clock::now() < deadline) {
+        std::this_thread::sleep_for(modifierPoll);
+        held = anyModifierDown(display, modifiers);
+    }
+    XFreeModifiermap(modifiers);
+    if (held)
+        Log::warn(QStringLiteral("A modifier key is still held after 1 s; pasting anyway."));
+}
+
+// A keycode with no keysym in any group, which no key of the user's layout produces.
+KeyCode spareKeycode(Display *display) {
+    int min = 0, max = 0, perCode = 0;
+    XDisplayKeycodes(display, &min, &max);
+    KeySym *map = XGetKeyboardMapping(display, KeyCode(min), max - min + 1, &perCode);
+    if (!map)
+        return 0;
+    KeyCode spare = 0;
+    // From the top: the high keycodes are the ones keyboards leave unused.
+    for (int code = max; code >= min && !spare; --code) {
+        const KeySym *syms = map + (code - min) * perCode;
+        if (std::all_of(syms, syms + perCode, [](KeySym sym) { return sym == NoSymbol; }))
+            spare = KeyCode(code);
+    }
+    XFree(map);
+    return spare;
+}
+
+void sendChord(Display *display, const QList<KeyCode> &modifiers, KeyCode key) {
+    for (const KeyCode modifier : modifiers)
+        XTestFakeKeyEvent(display, modifier, True, CurrentTime);
+    XTestFakeKeyEvent(display, key, True, CurrentTime);
+    XTestFakeKeyEvent(display, key, False, CurrentTime);
+    for (auto modifier = modifiers.crbegin(); modifier != modifiers.crend(); ++modifier)
+        XTestFakeKeyEvent(display, *modifier, False, CurrentTime);
+    XSync(display, False);
+}
+
+// Sees the property change made on our window reach Qt's connection.
+class PropertyChangeSeen final : public QAbstractNativeEventFilter {
+public:
+    explicit PropertyChangeSeen(Window window) : m_window(window) {}
+    bool nativeEventFilter(const QByteArray &type, void *message, qintptr *) override {
+        if (type != "xcb_generic_event_t")
+            return false;
+        const auto *event = static_cast<const xcb_generic_event_t *>(message);
+        if ((event->response_type & 0x7f) == XCB_PROPERTY_NOTIFY &&
+            static_cast<const xcb_property_notify_event_t *>(message)->window == m_window)
+            seen = true;
+        return false;
+    }
+    bool seen = false;
+
+private:
+    const Window m_window;
+};
+
+} // namespace
+
+X11TextBackend::PasteChord X11TextBackend::pasteChordFor(const QString &windowClass, const QString &windowInstance) {
+    const QString name = windowClass.toLower(), instance = windowInstance.toLower();
+    if (xtermLikes.contains(name) || xtermLikes.contains(instance))
+        return PasteChord::shiftInsert;
+    if (terminals.contains(name) || terminals.contains(instance))
+        return PasteChord::ctrlShiftV;
+    return PasteChord::ctrlV;
+}
+
+X11TextBackend::X11TextBackend() {
+    if (QClipboard *clipboard = QGuiApplication::clipboard())
+        m_changed = QObject::connect(clipboard, &QClipboard::changed, [this](QClipboard::Mode mode) {
+            if (mode == QClipboard::Clipboard && !m_writing)
+                ++m_changeCount;
+        });
+}
+
+// Qt claims the clipboard with the last server time it saw, and the server refuses a claim older
+// than the current owner's. We see no input on Qt's connection (the hotkey has its own), so after
+// the user copies elsewhere Qt's time is stale until it handles an event: give it one.
+void X11TextBackend::refreshQtServerTime() {
+    Display *x = display();
+    if (!x)
+        return;
+    if (!m_timeWindow) {
+        m_timeWindow = std::make_unique<QWindow>();
+        m_timeWindow->create();
+    }
+    PropertyChangeSeen filter(Window(m_timeWindow->winId()));
+    QCoreApplication::instance()->installNativeEventFilter(&filter);
+    XChangeProperty(x, Window(m_timeWindow->winId()), XInternAtom(x, "QUORVANE_SERVER_TIME", False), XA_STRING, 8,
+                    PropModeAppend, nullptr, 0);
+    XFlush(x);
+    QElapsedTimer waited;
+    waited.start();
+    while (!filter.seen && waited.elapsed() < 200)
+        QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents, 10);
+    QCoreApplication::instance()->removeNativeEventFilter(&filter);
+}
+
+X11TextBackend::~X11TextBackend() {
+    QObject::disconnect(m_changed);
+    if (!m_display)
+        return;
+    // Only if the layout still has our v there: a layout switch since has already replaced it.
+    if (m_borrowedKeycode && XkbKeycodeToKeysym(m_display, KeyCode(m_borrowedKeycode), 0, 0) == XK_v) {
+        KeySym nothing[2] = {NoSymbol, NoSymbol};
+        XChangeKeyboardMapping(m_display, int(m_borrowedKeycode), 2, nothing, 1);
+    }
+    if (m_probeWindow)
+        XDestroyWindow(m_display, m_probeWindow);
+    XCloseDisplay(m_display);
+}
+
+_XDisplay *X11TextBackend::display() {
+    if (!m_display) {
+        X11Errors::installTolerantHandler();
+        m_display = XOpenDisplay(nullptr);
+    }
+    return m_display;
+}
+
+bool X11TextBackend::isTrusted() {
+    Display *x = display();
+    int event = 0, error = 0, major = 0, minor = 0;
+    return x && XTestQueryExtension(x, &event, &error, &major, &minor);
+}
+
+std::unique_ptr<FocusedElement> X11TextBackend::focusedElement() {
+    Display *x = display();
+    if (!x)
+        return nullptr;
+    const Window window = X11Windows::activeWindow(x);
+    if (window == None)
+        return nullptr;
+    const std::optional<qint32> processID = X11Windows::processOf(x, window);
+    return processID ? AtspiFocus::focusedElementOf(*processID) : nullptr;
+}
+
+bool X11TextBackend::clipboardOwnerAnswers() {
+    Display *x = display();
+    QClipboard *clipboard = QGuiApplication::clipboard();
+    // Without a connection of our own Qt cannot reach the owner either, and we answer ourselves.
+    if (!x || clipboard->ownsClipboard())
+        return true;
+    const Atom selection = XInternAtom(x, "CLIPBOARD", False);
+    if (XGetSelectionOwner(x, selection) == None)
+        return true;
+    if (!m_probeWindow)
+        m_probeWindow = XCreateSimpleWindow(x, DefaultRootWindow(x), 0, 0, 1, 1, 0, 0, 0);
+    const Atom property = XInternAtom(x, "QUORVANE_CLIPBOARD_PROBE", False);
+    XEvent event;
+    // A late answer to an earlier probe must not pass for this one.
+    while (XCheckTypedWindowEvent(x, m_probeWindow, SelectionNotify, &event)) {
+    }
+    XConvertSelection(x, selection, XInternAtom(x, "TARGETS", False), property, m_probeWindow, CurrentTime);
+    XFlush(x);
+
+    const auto deadline = Clock::now() + ownerDeadline;
+    for (;;) {
+        if (XCheckTypedWindowEvent(x, m_probeWindow, SelectionNotify, &event)) {
+            XDeleteProperty(x, m_probeWindow, property);
+            return true;
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0)
+            return false;
+        pollfd connection{ConnectionNumber(x), POLLIN, 0};
+        poll(&connection, 1, int(left.count()));
+    }
+}
+
+DesktopTextBackend::ClipboardSnapshot X11TextBackend::readClipboard() {
+    if (!clipboardOwnerAnswers()) {
+        Log::warn(QStringLiteral("The clipboard's owner did not answer within 300 ms; its content cannot be saved "
+                                 "and will not come back after the paste."));
+        return {};
+    }
+    const QMimeData *data = QGuiApplication::clipboard()->mimeData(QClipboard::Clipboard);
+    if (!data)
+        return {};
+    ClipboardItem item;
+    for (const QString &format : data->formats())
+        if (format != qtImageFormat)
+            item.append({format, data->data(format)});
+    if (item.isEmpty())
+        return {};
+    return {item};
+}
+
+bool X11TextBackend::writeText(const QString &text) {
+    QClipboard *clipboard = QGuiApplication::clipboard();
+    const bool primaryToo = chordForActiveWindow() == PasteChord::shiftInsert && clipboard->supportsSelection();
+    refreshQtServerTime();
+    m_writing = true;
+    auto *data = new QMimeData;
+    data->setText(text);
+    clipboard->setMimeData(data, QClipboard::Clipboard);
+    if (primaryToo) {
+        auto *primary = new QMimeData;
+        primary->setText(text);
+        clipboard->setMimeData(primary, QClipboard::Selection);
+    }
+    m_writing = false;
+    ++m_changeCount;
+    return clipboard->ownsClipboard();
+}
+
+void X11TextBackend::writeClipboard(const ClipboardSnapshot &items) {
+    QClipboard *clipboard = QGuiApplication::clipboard();
+    refreshQtServerTime();
+    m_writing = true;
+    if (items.isEmpty()) {
+        clipboard->clear(QClipboard::Clipboard);
+    } else {
+        // The X11 clipboard holds one item; should several come, the first to name a format wins.
+        auto *data = new QMimeData;
+        for (const ClipboardItem &item : items)
+            for (const auto &[format, bytes] : item)
+                if (!data->hasFormat(format))
+                    data->setData(format, bytes);
+        clipboard->setMimeData(data, QClipboard::Clipboard);
+    }
+    m_writing = false;
+    ++m_changeCount;
+}
+
+qint64 X11TextBackend::changeCount() {
+    return m_changeCount;
+}
+
+X11TextBackend::PasteChord X11TextBackend::chordForActiveWindow() {
+    Display *x = display();
+    if (!x)
+        return PasteChord::ctrlV;
+    const Window window = X11Windows::activeWindow(x);
+    const auto windowClass = window == None ? std::nullopt : X11Windows::classOf(x, window);
+    return windowClass ? pasteChordFor(windowClass->name, windowClass->instance) : PasteChord::ctrlV;
+}
+
+bool X11TextBackend::postPasteChord() {
+    if (!isTrusted())
+        return false;
+    Display *x = m_display;
+    waitForModifiersUp(x);
+
+    const PasteChord chord = chordForActiveWindow();
+    const KeyCode control = XKeysymToKeycode(x, XK_Control_L);
+    const KeyCode shift = XKeysymToKeycode(x, XK_Shift_L);
+    if (chord == PasteChord::shiftInsert) {
+        const KeyCode insert = XKeysymToKeycode(x, XK_Insert);
+        if (!shift || !insert)
+            return false;
+        sendChord(x, {shift}, insert);
+        return true;
+    }
+    if (!control || (chord == PasteChord::ctrlShiftV && !shift))
+        return false;
+    KeyCode v = XKeysymToKeycode(x, XK_v);
+    if (!v) {
+        // A layout without a Latin v (Russian, Greek…). The borrowed keycode keeps its v while we
+        // run: restoring it right after the chord races clients that reload their keymap lazily
+        // and would then read the key as nothing.
+        v = spareKeycode(x);
+        if (!v)
+            return false;
+        KeySym latinV[2] = {XK_v, XK_V};
+        XChangeKeyboardMapping(x, v, 2, latinV, 1);
+        XSync(x, False);
+        m_borrowedKeycode = v;
+    }
+    if (chord == PasteChord::ctrlShiftV)
+        sendChord(x, {control, shift}, v);
+    else
+        sendChord(x, {control}, v);
+    return true;
+}
