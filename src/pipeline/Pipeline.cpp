@@ -16,11 +16,9 @@
 #include "pipeline/EngineChoice.h"
 #include "pipeline/ErrorText.h"
 #include "pipeline/StockPhrases.h"
-#include "repository/AgentExecutableLocator.h"
 #include "speech/RecognitionContextBuilder.h"
 
 #include <QDateTime>
-#include <QDir>
 #include <QFileInfo>
 #include <QUuid>
 #include <algorithm>
@@ -219,7 +217,7 @@ QCoro::Task<void> Pipeline::updatePreferences(Config config) {
 }
 
 bool Pipeline::isAgentAvailable(AgentKind agent) const {
-    return m_platform.agentHandoff && AgentExecutableLocator::locate(agent, QDir::homePath()).has_value();
+    return m_platform.agentHandoff && m_platform.agentHandoff->isAgentAvailable(agent);
 }
 
 // MARK: repository lookup

@@ -1,5 +1,9 @@
 #include "repository/AgentHandoffLaunching.h"
 
+#include "repository/AgentExecutableLocator.h"
+
+#include <QDir>
+
 QString executableName(AgentKind agent) {
     return agent == AgentKind::claude ? QStringLiteral("claude") : QStringLiteral("codex");
 }
@@ -18,4 +22,8 @@ std::optional<AgentKind> agentKind(PromptDestination destination) {
         break;
     }
     return std::nullopt;
+}
+
+bool AgentHandoffLaunching::isAgentAvailable(AgentKind agent) const {
+    return AgentExecutableLocator::locate(agent, QDir::homePath()).has_value();
 }

@@ -24,4 +24,7 @@ public:
     // agentHandoffFailed) otherwise. The prompt is never submitted after the agent asked the user
     // something or focus moved elsewhere.
     virtual QCoro::Task<void> handoff(QString prompt, AgentKind agent, RepositoryContext repository) = 0;
+    // Whether a handoff to `agent` could start: its program is installed in a trusted folder of the
+    // home the launcher looks in.
+    virtual bool isAgentAvailable(AgentKind agent) const;
 };

@@ -88,7 +88,8 @@ QCoro::Task<bool> processMatches(qint32 processID, QString executable, std::shar
 }
 
 QCoro::Task<qint32> waitFor(QString markerPath, QString expectedExecutable,
-                            std::shared_ptr<ProcessTreeSource> processes, Scheduler &scheduler) {
+                            std::shared_ptr<ProcessTreeSource> processes, Scheduler &scheduler,
+                            std::function<void()> beforeEachWait) {
     const qint64 deadline = scheduler.nowMs() + readyDeadlineMs;
     while (true) {
         QFile marker(markerPath);
@@ -101,6 +102,8 @@ QCoro::Task<qint32> waitFor(QString markerPath, QString expectedExecutable,
         }
         if (scheduler.nowMs() >= deadline)
             throw QuorvaneError::agentHandoffFailed(QStringLiteral("the agent did not become ready in Terminal"));
+        if (beforeEachWait)
+            beforeEachWait();
         co_await scheduler.sleep(pollIntervalMs);
     }
 }

@@ -7,6 +7,7 @@
 #include <QCoro/QCoroTask>
 #include <QDateTime>
 #include <QString>
+#include <functional>
 #include <memory>
 
 // The parts of a handoff that do not touch the terminal: checking the request, writing the launch
@@ -40,8 +41,10 @@ bool commandNames(const QString &commandLine, const QString &executable);
 QCoro::Task<bool> processMatches(qint32 processID, QString executable, std::shared_ptr<ProcessTreeSource> processes);
 
 // Polls the marker every 0.1 s for up to 12 s until it names a process running `expectedExecutable`
-// and returns that process id; throws agentHandoffFailed when the time is up.
+// and returns that process id; throws agentHandoffFailed when the time is up. `beforeEachWait`, when
+// set, runs between polls and may throw to give up early (the terminal refused to start, say).
 QCoro::Task<qint32> waitFor(QString markerPath, QString expectedExecutable,
-                            std::shared_ptr<ProcessTreeSource> processes, Scheduler &scheduler = Scheduler::system());
+                            std::shared_ptr<ProcessTreeSource> processes, Scheduler &scheduler = Scheduler::system(),
+                            std::function<void()> beforeEachWait = {});
 
 } // namespace AgentLauncher
