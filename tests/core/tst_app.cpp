@@ -13,6 +13,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -166,6 +167,41 @@ private Q_SLOTS:
         XdgAutostart blocked(dir.filePath(QStringLiteral("file/not-a-folder/q.desktop")), QStringLiteral("/q"));
         QFile(dir.filePath(QStringLiteral("file"))).open(QIODevice::WriteOnly);
         QVERIFY(!blocked.enable().isEmpty());
+    }
+
+    void launchAtLoginStartsThisProgram_data() {
+        QTest::addColumn<QString>("existingProgram");
+        QTest::addColumn<bool>("enabled");
+        QTest::addColumn<bool>("entryExpected");
+        QTest::newRow("on, none yet") << QString() << true << true;
+        QTest::newRow("on, another copy's entry") << QStringLiteral("/home/me/quorvane/build/quorvane") << true << true;
+        QTest::newRow("off, another copy's entry")
+            << QStringLiteral("/home/me/quorvane/build/quorvane") << false << false;
+    }
+    void launchAtLoginStartsThisProgram() {
+        QFETCH(QString, existingProgram);
+        QFETCH(bool, enabled);
+        QFETCH(bool, entryExpected);
+        LogRecorder log;
+        QTemporaryDir config;
+        const QByteArray saved = qgetenv("XDG_CONFIG_HOME");
+        const bool wasSet = qEnvironmentVariableIsSet("XDG_CONFIG_HOME");
+        const auto restore = qScopeGuard([&] {
+            if (wasSet)
+                qputenv("XDG_CONFIG_HOME", saved);
+            else
+                qunsetenv("XDG_CONFIG_HOME");
+        });
+        qputenv("XDG_CONFIG_HOME", config.path().toLocal8Bit());
+        const QString entryPath = config.filePath(QStringLiteral("autostart/quorvane.desktop"));
+        if (!existingProgram.isEmpty())
+            QCOMPARE(XdgAutostart(entryPath, existingProgram).enable(), QString());
+
+        LaunchAtLogin::set(enabled);
+        if (entryExpected)
+            QCOMPARE(readAll(entryPath), XdgAutostart::forCurrentUser().entry());
+        else
+            QVERIFY(!QFile::exists(entryPath));
     }
 
     void dataDirectoryMovesTheLegacyFolderAndProtects() {

@@ -31,6 +31,11 @@ bool XdgAutostart::isEnabled() {
     return QFileInfo::exists(m_entryPath);
 }
 
+bool XdgAutostart::isCurrent() const {
+    QFile file(m_entryPath);
+    return file.open(QIODevice::ReadOnly) && file.readAll() == entry();
+}
+
 QString XdgAutostart::enable() {
     const QString folder = QFileInfo(m_entryPath).absolutePath();
     if (!QDir().mkpath(folder))
@@ -56,6 +61,10 @@ namespace LaunchAtLogin {
 
 void set(bool enabled) {
     XdgAutostart service = XdgAutostart::forCurrentUser();
+    // An entry another copy wrote (a build folder, a run with another data directory) would start
+    // that copy at login: switching on replaces it with one for this program.
+    if (enabled && service.isEnabled() && !service.isCurrent())
+        service.disable();
     apply(service, enabled);
 }
 

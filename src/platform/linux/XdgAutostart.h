@@ -13,6 +13,8 @@ public:
     QString enable() override;
     QString disable() override;
     QByteArray entry() const;
+    // Whether the entry on disk is the one this program would write.
+    bool isCurrent() const;
 
 private:
     QString m_entryPath;
