@@ -7,15 +7,18 @@
 #include "platform/PushToTalkHotkey.h"
 #include "platform/WarmMicrophone.h"
 #include "platform/linux/FreedesktopNotifications.h"
+#include "platform/linux/LinuxAgentHandoffLauncher.h"
 #include "platform/linux/LinuxAppRules.h"
 #include "platform/linux/PocketSphinxEngine.h"
 #include "platform/linux/ProcProcessTreeSource.h"
 #include "platform/linux/PulseAudioBackend.h"
+#include "platform/linux/X11FocusedDocumentSource.h"
 #include "platform/linux/X11FrontmostApp.h"
 #include "platform/linux/X11HotkeyBackend.h"
 #include "platform/linux/X11TextBackend.h"
 #include "repository/RepositoryContextProvider.h"
 
+#include <QDir>
 #include <QGuiApplication>
 
 namespace {
@@ -50,6 +53,7 @@ PlatformKit makePlatformKit(const Config &config) {
         auto injector = std::make_shared<PasteTextInjector>(std::make_shared<X11TextBackend>());
         kit.injector = injector;
         kit.selectionEditor = injector;
+        kit.agentHandoff = LinuxAgentHandoffLauncher::create(injector, kit.frontmostApp);
     }
     kit.capture = kit.makeCapture(config);
     // Speech with nothing to set up: a missing model or another language is reported when it prepares.
@@ -60,9 +64,13 @@ PlatformKit makePlatformKit(const Config &config) {
     // Wired last, against the frontmost-app service the kit ends up with; held weakly because the
     // kit, not the repository provider, owns it.
     std::weak_ptr<FrontmostAppProvider> frontmost = kit.frontmostApp;
+    std::shared_ptr<FocusedDocumentSource> documents;
+    if (hasX11Desktop())
+        documents = std::make_shared<X11FocusedDocumentSource>(QDir::homePath());
+    else
+        documents = std::make_shared<UnsupportedFocusedDocumentSource>();
     kit.repositoryContext = std::make_shared<RepositoryContextProvider>(
-        std::make_shared<ProcProcessTreeSource>(), std::make_shared<UnsupportedFocusedDocumentSource>(),
-        [frontmost]() -> std::optional<qint32> {
+        std::make_shared<ProcProcessTreeSource>(), documents, [frontmost]() -> std::optional<qint32> {
             if (auto provider = frontmost.lock())
                 return provider->frontmostApp().processID;
             return std::nullopt;
