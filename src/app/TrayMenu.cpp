@@ -74,6 +74,11 @@ QString TrayMenu::figuresText(const Status &status) {
     return parts.join(separator);
 }
 
+void TrayMenu::setConfig(const Config &config) {
+    m_config = config;
+    refresh();
+}
+
 void TrayMenu::change(const std::function<void(Config &)> &edit) {
     Config updated = m_config;
     edit(updated);
@@ -269,6 +274,13 @@ void TrayMenu::addRetentionItems() {
     addToggle(m_menu.get(), QStringLiteral("Show recording overlay"), &Config::showOverlay);
     addToggle(m_menu.get(), QStringLiteral("Play sounds"), &Config::playSounds);
 
+    // Without a kept history there is nothing to show.
+    QAction *history = m_menu->addAction(QStringLiteral("History\u2026"));
+    history->setEnabled(m_config.retainHistory);
+    connect(history, &QAction::triggered, this, [this] {
+        if (m_hooks.showHistory)
+            m_hooks.showHistory();
+    });
     QAction *forget = m_menu->addAction(QStringLiteral("Forget learned words\u2026"));
     connect(forget, &QAction::triggered, this, [this] {
         if (m_hooks.confirm &&
@@ -295,6 +307,11 @@ void TrayMenu::addRetentionItems() {
 }
 
 void TrayMenu::addApplicationItems() {
+    QAction *setup = m_menu->addAction(QStringLiteral("Setup Checks\u2026"));
+    connect(setup, &QAction::triggered, this, [this] {
+        if (m_hooks.showSetup)
+            m_hooks.showSetup();
+    });
     addToggle(m_menu.get(), QStringLiteral("Launch at login"), &Config::launchAtLogin);
     QAction *restart = m_menu->addAction(QStringLiteral("Restart Quorvane"));
     connect(restart, &QAction::triggered, this, [this] {
