@@ -21,6 +21,7 @@
 #endif
 
 #include <QApplication>
+#include <QCursor>
 #include <QDesktopServices>
 #include <QFileDialog>
 #include <QInputDialog>
@@ -347,6 +348,11 @@ void AppShell::buildTray() {
     m_tray = std::make_unique<QSystemTrayIcon>(trayIcon(m_pipeline->state().kind));
     m_tray->setToolTip(QStringLiteral("Quorvane \u00B7 ") + TrayMenu::stateText(m_pipeline->state()));
     m_tray->setContextMenu(m_menu->menu());
+    // Most Linux trays open the menu on a plain click too.
+    connect(m_tray.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger && !m_menu->menu()->isVisible())
+            m_menu->menu()->popup(QCursor::pos());
+    });
     if (!QSystemTrayIcon::isSystemTrayAvailable())
         Log::warn(QStringLiteral("No system tray is available; Quorvane keeps running without its icon."));
     m_tray->show();

@@ -73,7 +73,9 @@ OnboardingWindow::~OnboardingWindow() = default;
 
 void OnboardingWindow::refresh() {
     while (QLayoutItem *item = m_rows->takeAt(0)) {
-        delete item->widget();
+        // Later: the button that got us here may be the one going away.
+        item->widget()->hide();
+        item->widget()->deleteLater();
         delete item;
     }
     int row = 0;

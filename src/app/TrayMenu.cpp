@@ -39,6 +39,8 @@ QString modeName(PipelineMode mode) {
 
 TrayMenu::TrayMenu(Config config, Hooks hooks)
     : m_config(std::move(config)), m_hooks(std::move(hooks)), m_menu(std::make_unique<QMenu>()) {
+    // Named, so window lists and screen readers can tell the open menu apart.
+    m_menu->setWindowTitle(QStringLiteral("Quorvane Menu"));
     connect(m_menu.get(), &QMenu::aboutToShow, this, &TrayMenu::refresh);
     refresh();
 }
