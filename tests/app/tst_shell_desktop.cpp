@@ -40,7 +40,7 @@ QString windowNamed(const QString &title) {
 
 QString awaitWindow(const QString &title, int timeoutMs) {
     QString id;
-    QTest::qWaitFor([&] { return !(id = windowNamed(title)).isEmpty(); }, timeoutMs);
+    (void)QTest::qWaitFor([&] { return !(id = windowNamed(title)).isEmpty(); }, timeoutMs);
     return id;
 }
 
