@@ -47,6 +47,7 @@ OnboardingWindow::OnboardingWindow(SetupChecks &checks, QString dictationKey) : 
     auto *how = new QLabel(
         QStringLiteral("Click into the box, hold %1, say a sentence and let go.").arg(dictationKey.toHtmlEscaped()));
     how->setWordWrap(true);
+    how->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
     tryLayout->addWidget(how);
     m_box = new QPlainTextEdit;
     m_box->setObjectName(QStringLiteral("testDictation"));
@@ -54,6 +55,8 @@ OnboardingWindow::OnboardingWindow(SetupChecks &checks, QString dictationKey) : 
     m_box->setFixedHeight(72);
     tryLayout->addWidget(m_box);
     layout->addWidget(tryBox);
+    // Spare height goes below the content, not into the boxes.
+    layout->addStretch();
 
     auto *buttons = new QDialogButtonBox;
     QPushButton *again = buttons->addButton(QStringLiteral("Check Again"), QDialogButtonBox::ActionRole);
