@@ -1,7 +1,10 @@
 #include "app/AppShell.h"
 
+#include "app/HistoryWindow.h"
+#include "app/OnboardingWindow.h"
 #include "app/RecordingOverlay.h"
 #include "app/SettingsApplier.h"
+#include "app/SetupChecks.h"
 #include "app/TrayIcon.h"
 #include "app/TrayMenu.h"
 #include "core/AppInfo.h"
@@ -18,6 +21,7 @@
 #endif
 
 #include <QApplication>
+#include <QCursor>
 #include <QDesktopServices>
 #include <QFileDialog>
 #include <QInputDialog>
@@ -40,6 +44,14 @@ QString hotkeyFixStep() {
 #endif
 }
 
+SetupChecks::Desktop thisDesktop() {
+#ifdef Q_OS_MACOS
+    return SetupChecks::Desktop::macOS;
+#else
+    return SetupChecks::Desktop::x11;
+#endif
+}
+
 } // namespace
 
 AppShell::AppShell() = default;
@@ -47,6 +59,10 @@ AppShell::AppShell() = default;
 AppShell::~AppShell() {
     for (const auto &hotkey : m_hotkeys)
         hotkey->stop();
+    // The windows read the checks and the store.
+    m_onboarding.reset();
+    m_history.reset();
+    m_checks.reset();
     // The menu's hooks and the applier reach into the pipeline: both go first.
     m_menu.reset();
     m_settings.reset();
@@ -73,6 +89,7 @@ void AppShell::startPipeline() {
         armed = hotkey->start() && armed;
         m_hotkeys.push_back(std::move(hotkey));
     }
+    m_hotkeysArmed = armed;
     if (!armed) {
         Log::warn(QStringLiteral("The push-to-talk keys could not be armed on this desktop."));
         Terminal::tell(QStringLiteral("The push-to-talk keys could not be armed on this desktop, so holding them "
@@ -95,8 +112,132 @@ void AppShell::startPipeline() {
 QCoro::Task<void> AppShell::prepareAndReport() {
     QPointer<AppShell> self(this);
     co_await m_pipeline->prepare();
-    if (self && m_pipeline->state().kind == PipelineState::Kind::error)
+    if (!self)
+        co_return;
+    if (m_pipeline->state().kind == PipelineState::Kind::error)
         m_pipeline->platform().notifier->notify(QStringLiteral("Quorvane is not ready"), m_pipeline->state().message);
+    if (m_checks) {
+        const bool failed = m_pipeline->state().kind == PipelineState::Kind::error;
+        m_checks->facts().engine = failed ? SetupChecks::Engine::failed : SetupChecks::Engine::ready;
+        m_checks->facts().engineProblem = failed ? m_pipeline->state().message : QString();
+        m_checks->changed();
+    }
+}
+
+void AppShell::showSetup() {
+    if (!m_checks) {
+        m_checks = std::make_unique<SetupChecks>(thisDesktop());
+        m_checks->onChange = [this] {
+            if (m_onboarding)
+                m_onboarding->refresh();
+        };
+    }
+    if (!m_onboarding) {
+        const QString key = m_pipeline->platform().keyDisplayName
+                                ? m_pipeline->platform().keyDisplayName(m_config.pushToTalkKey)
+                                : displayName(m_config.pushToTalkKey);
+        m_onboarding = std::make_unique<OnboardingWindow>(*m_checks, key);
+        m_onboarding->onAction = [this](SetupChecks::Action action) { onSetupAction(static_cast<int>(action)); };
+        m_onboarding->onCheckAgain = [this] { recheck(); };
+        m_onboarding->onClose = [this] { finishOnboarding(); };
+    }
+    recheck();
+    m_onboarding->show();
+    m_onboarding->raise();
+    m_onboarding->activateWindow();
+}
+
+void AppShell::recheck() {
+    SetupChecks::Facts &facts = m_checks->facts();
+    facts.sessionType = SetupChecks::sessionType();
+    facts.trayHost = QSystemTrayIcon::isSystemTrayAvailable();
+    facts.assistiveTechnology = SetupChecks::assistiveTechnologyEnabled();
+    facts.hotkeysArmed = m_hotkeysArmed;
+    facts.asr = m_config.asr;
+    // Asked afresh each time: a reload may have replaced the capture.
+    m_checks->listen([this] { return m_pipeline->platform().capture->currentLevel(); },
+                     [this] { return m_pipeline->platform().capture->lastCaptureStatus(); });
+    const auto logged = [](std::exception_ptr) { Log::error(QStringLiteral("A setup check failed to run.")); };
+    detach(checkEngine(), logged);
+    detach(lookForWhisperServer(), logged);
+}
+
+QCoro::Task<void> AppShell::checkEngine() {
+    QPointer<AppShell> self(this);
+    m_checks->facts().engine = SetupChecks::Engine::preparing;
+    m_checks->changed();
+    co_await m_pipeline->prepare();
+    if (!self || !m_checks)
+        co_return;
+    const bool failed = m_pipeline->state().kind == PipelineState::Kind::error;
+    m_checks->facts().engine = failed ? SetupChecks::Engine::failed : SetupChecks::Engine::ready;
+    m_checks->facts().engineProblem = failed ? m_pipeline->state().message : QString();
+    m_checks->changed();
+}
+
+QCoro::Task<void> AppShell::lookForWhisperServer() {
+    QPointer<AppShell> self(this);
+    const bool found = co_await SetupChecks::whisperServerAnswers(QUrl(Config::defaultWhisperEndpoint()));
+    if (!self || !m_checks)
+        co_return;
+    m_checks->facts().whisperServerFound = found;
+    m_checks->changed();
+}
+
+void AppShell::onSetupAction(int action) {
+    switch (static_cast<SetupChecks::Action>(action)) {
+    case SetupChecks::Action::openMicrophoneSettings:
+        QDesktopServices::openUrl(
+            QUrl(QStringLiteral("x-apple.systempreferences:com.apple.preference.security?Privacy_Microphone")));
+        break;
+    case SetupChecks::Action::openAccessibilitySettings:
+        QDesktopServices::openUrl(
+            QUrl(QStringLiteral("x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility")));
+        break;
+    case SetupChecks::Action::useWhisperServer: {
+        Config updated = m_config;
+        updated.asr = AsrKind::whisperServer;
+        updated.whisperEndpoint = Config::defaultWhisperEndpoint();
+        applySettings(updated);
+        recheck();
+        break;
+    }
+    case SetupChecks::Action::none:
+        break;
+    }
+}
+
+void AppShell::finishOnboarding() {
+    if (m_config.didCompleteOnboarding)
+        return;
+    Config updated = m_config;
+    updated.didCompleteOnboarding = true;
+    applySettings(updated);
+    Log::info(QStringLiteral("Onboarding completed."));
+}
+
+void AppShell::showHistory() {
+    if (!m_history) {
+        m_history = std::make_unique<HistoryWindow>(m_pipeline->store());
+        m_history->confirm = [](const QString &title, const QString &question) {
+            return QMessageBox::question(nullptr, title, question, QMessageBox::Yes | QMessageBox::Cancel,
+                                         QMessageBox::Cancel) == QMessageBox::Yes;
+        };
+        m_history->deleteAll = [this](std::function<void()> done) {
+            m_pipeline->store().deleteRetainedData(this, [this, done](std::optional<QString> error) {
+                if (error)
+                    m_pipeline->platform().notifier->notify(QStringLiteral("Could not delete everything"),
+                                                            QStringLiteral("Quorvane %1.").arg(*error));
+                else
+                    Log::info(QStringLiteral("History deleted by the user."));
+                done();
+            });
+        };
+    }
+    m_history->reload();
+    m_history->show();
+    m_history->raise();
+    m_history->activateWindow();
 }
 
 void AppShell::onStateChange(const PipelineState &state) {
@@ -116,6 +257,10 @@ void AppShell::applySettings(const Config &updated) {
     m_config = updated;
     if (m_settings)
         m_settings->apply(updated);
+    if (m_menu && m_menu->config() != updated)
+        m_menu->setConfig(updated);
+    if (m_history && !m_config.retainHistory)
+        m_history->close();
     if (!m_config.showOverlay && m_overlay)
         m_overlay->showState(PipelineState::idle(), PipelineMode::dictation);
 }
@@ -194,6 +339,8 @@ void AppShell::buildTray() {
     hooks.forgetLearnedWords = [this] { m_pipeline->learner().clear(); };
     hooks.deleteRetainedData = [this] { deleteRetainedData(); };
     hooks.openVocabulary = [this] { openVocabulary(); };
+    hooks.showHistory = [this] { showHistory(); };
+    hooks.showSetup = [this] { showSetup(); };
     hooks.restart = [this] { restart(); };
     hooks.quit = [] { QCoreApplication::quit(); };
     m_menu = std::make_unique<TrayMenu>(m_config, std::move(hooks));
@@ -201,6 +348,11 @@ void AppShell::buildTray() {
     m_tray = std::make_unique<QSystemTrayIcon>(trayIcon(m_pipeline->state().kind));
     m_tray->setToolTip(QStringLiteral("Quorvane \u00B7 ") + TrayMenu::stateText(m_pipeline->state()));
     m_tray->setContextMenu(m_menu->menu());
+    // Most Linux trays open the menu on a plain click too.
+    connect(m_tray.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger && !m_menu->menu()->isVisible())
+            m_menu->menu()->popup(QCursor::pos());
+    });
     if (!QSystemTrayIcon::isSystemTrayAvailable())
         Log::warn(QStringLiteral("No system tray is available; Quorvane keeps running without its icon."));
     m_tray->show();
@@ -215,4 +367,6 @@ void AppShell::start() {
     Log::info(QStringLiteral("Quorvane %1 started").arg(AppInfo::version()));
     startPipeline();
     buildTray();
+    if (!m_config.didCompleteOnboarding)
+        showSetup();
 }

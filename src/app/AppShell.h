@@ -9,6 +9,9 @@
 #include <vector>
 
 class GlobalHotkey;
+class HistoryWindow;
+class OnboardingWindow;
+class SetupChecks;
 class Pipeline;
 class QSystemTrayIcon;
 class RecordingOverlay;
@@ -36,6 +39,13 @@ private:
     void openVocabulary();
     void restart();
     QCoro::Task<void> prepareAndReport();
+    void showSetup();
+    void recheck();
+    QCoro::Task<void> checkEngine();
+    QCoro::Task<void> lookForWhisperServer();
+    void onSetupAction(int action);
+    void finishOnboarding();
+    void showHistory();
 
     Config m_config;
     std::unique_ptr<Pipeline> m_pipeline;
@@ -45,4 +55,8 @@ private:
     std::unique_ptr<TrayMenu> m_menu;
     std::unique_ptr<QSystemTrayIcon> m_tray;
     std::unique_ptr<RecordingOverlay> m_overlay;
+    bool m_hotkeysArmed = true;
+    std::unique_ptr<SetupChecks> m_checks;
+    std::unique_ptr<OnboardingWindow> m_onboarding;
+    std::unique_ptr<HistoryWindow> m_history;
 };

@@ -33,6 +33,7 @@ RecordingOverlay::RecordingOverlay(Scheduler &scheduler)
     : QWidget(nullptr, Qt::ToolTip | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus |
                            Qt::WindowTransparentForInput),
       m_scheduler(scheduler), m_meter(meterBars, 0.0f) {
+    setWindowTitle(QStringLiteral("Quorvane Recording"));
     setAttribute(Qt::WA_ShowWithoutActivating);
     setFocusPolicy(Qt::NoFocus);
     setFixedSize(overlayWidth, overlayHeight);

@@ -39,6 +39,8 @@ QString modeName(PipelineMode mode) {
 
 TrayMenu::TrayMenu(Config config, Hooks hooks)
     : m_config(std::move(config)), m_hooks(std::move(hooks)), m_menu(std::make_unique<QMenu>()) {
+    // Named, so window lists and screen readers can tell the open menu apart.
+    m_menu->setWindowTitle(QStringLiteral("Quorvane Menu"));
     connect(m_menu.get(), &QMenu::aboutToShow, this, &TrayMenu::refresh);
     refresh();
 }
@@ -72,6 +74,11 @@ QString TrayMenu::figuresText(const Status &status) {
     if (status.p95)
         parts << QStringLiteral("p95 %1 ms").arg(*status.p95);
     return parts.join(separator);
+}
+
+void TrayMenu::setConfig(const Config &config) {
+    m_config = config;
+    refresh();
 }
 
 void TrayMenu::change(const std::function<void(Config &)> &edit) {
@@ -269,6 +276,13 @@ void TrayMenu::addRetentionItems() {
     addToggle(m_menu.get(), QStringLiteral("Show recording overlay"), &Config::showOverlay);
     addToggle(m_menu.get(), QStringLiteral("Play sounds"), &Config::playSounds);
 
+    // Without a kept history there is nothing to show.
+    QAction *history = m_menu->addAction(QStringLiteral("History\u2026"));
+    history->setEnabled(m_config.retainHistory);
+    connect(history, &QAction::triggered, this, [this] {
+        if (m_hooks.showHistory)
+            m_hooks.showHistory();
+    });
     QAction *forget = m_menu->addAction(QStringLiteral("Forget learned words\u2026"));
     connect(forget, &QAction::triggered, this, [this] {
         if (m_hooks.confirm &&
@@ -295,6 +309,11 @@ void TrayMenu::addRetentionItems() {
 }
 
 void TrayMenu::addApplicationItems() {
+    QAction *setup = m_menu->addAction(QStringLiteral("Setup Checks\u2026"));
+    connect(setup, &QAction::triggered, this, [this] {
+        if (m_hooks.showSetup)
+            m_hooks.showSetup();
+    });
     addToggle(m_menu.get(), QStringLiteral("Launch at login"), &Config::launchAtLogin);
     QAction *restart = m_menu->addAction(QStringLiteral("Restart Quorvane"));
     connect(restart, &QAction::triggered, this, [this] {

@@ -43,6 +43,8 @@ public:
         std::function<void()> forgetLearnedWords;
         std::function<void()> deleteRetainedData;
         std::function<void()> openVocabulary;
+        std::function<void()> showHistory;
+        std::function<void()> showSetup;
         std::function<void()> restart;
         std::function<void()> quit;
     };
@@ -52,6 +54,8 @@ public:
 
     QMenu *menu() const { return m_menu.get(); }
     const Config &config() const { return m_config; }
+    // Settings changed elsewhere (onboarding): the next choice starts from them.
+    void setConfig(const Config &config);
     // Rebuilds the entries from the settings and the status; done each time the menu opens.
     void refresh();
 

@@ -202,14 +202,14 @@ bool Store::rewriteHistory(qint64 dropLines, const QByteArray &extra) {
     return true;
 }
 
-QStringList Store::readRecent(int limit) const {
+QList<Utterance> Store::readRecent(int limit) const {
     QFile file(historyPath());
     if (!file.open(QIODevice::ReadOnly))
         return {};
     // Reads backwards from the end, in growing chunks, until enough whole entries are found.
     qint64 position = m_index.bytes;
     QByteArray buffer;
-    QStringList newestFirst;
+    QList<Utterance> newestFirst;
     while (newestFirst.size() < limit) {
         const qsizetype previous = buffer.size() > 1 ? buffer.lastIndexOf('\n', buffer.size() - 2) : -1;
         if (previous < 0 && position > 0) {
@@ -228,9 +228,8 @@ QStringList Store::readRecent(int limit) const {
         const QByteArray line = buffer.mid(previous + 1, buffer.size() - previous - 2);
         buffer.truncate(previous + 1);
         if (std::optional<Utterance> entry = parseLine(line))
-            newestFirst.append(entry->shippedText);
+            newestFirst.append(std::move(*entry));
     }
-    std::reverse(newestFirst.begin(), newestFirst.end());
     return newestFirst;
 }
 
@@ -238,6 +237,18 @@ QStringList Store::recentTranscripts(int limit) const {
     if (limit <= 0)
         return {};
     QStringList result;
+    m_queue.sync([&] {
+        loadIndex();
+        for (const Utterance &entry : readRecent(limit))
+            result.prepend(entry.shippedText);
+    });
+    return result;
+}
+
+QList<Utterance> Store::recentEntries(int limit) const {
+    if (limit <= 0)
+        return {};
+    QList<Utterance> result;
     m_queue.sync([&] {
         loadIndex();
         result = readRecent(limit);

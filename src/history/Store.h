@@ -32,6 +32,8 @@ public:
     void append(const Utterance &utterance);
     // The delivered texts of the newest entries, at most `limit`, oldest first. Waits for queued appends.
     QStringList recentTranscripts(int limit) const;
+    // The newest entries, at most `limit`, newest first. Waits for queued appends.
+    QList<Utterance> recentEntries(int limit) const;
     int totalCount() const;
     int retainedAudioCount() const;
 
@@ -67,7 +69,8 @@ private:
     void reportLostEntry(const QString &reason);
     bool rewriteHistory(qint64 dropLines, const QByteArray &extra);
     void pruneAudio();
-    QStringList readRecent(int limit) const;
+    // Newest first.
+    QList<Utterance> readRecent(int limit) const;
 
     QString m_root;
     RetentionLimits m_limits;

@@ -77,6 +77,7 @@ struct Shell {
         hooks.onChange = [this](const Config &updated) { applier->apply(updated); };
         hooks.forgetLearnedWords = [this] { done.append(QStringLiteral("forget")); };
         hooks.deleteRetainedData = [this] { done.append(QStringLiteral("delete")); };
+        hooks.showHistory = [this] { done.append(QStringLiteral("history")); };
         menu = std::make_unique<TrayMenu>(initial, std::move(hooks));
         builds = 0;
     }
@@ -238,6 +239,23 @@ private Q_SLOTS:
         QCOMPARE(shell.find(path + QStringList{"Codex"})->isEnabled(), codex);
         QCOMPARE(shell.find(path + QStringList{"Claude Code"})->isEnabled(), claude);
         QCOMPARE(shell.find(path + QStringList{"Codex"})->text().endsWith("(not installed)"), !codex);
+    }
+
+    // The history opens only while one is kept, and follows the switch at once.
+    void historyFollowsRetention_data() {
+        QTest::addColumn<bool>("kept");
+        QTest::newRow("kept") << true;
+        QTest::newRow("not kept") << false;
+    }
+    void historyFollowsRetention() {
+        QFETCH(bool, kept);
+        Config initial;
+        initial.retainHistory = kept;
+        Shell shell(initial);
+        QCOMPARE(shell.trigger({"History"}), kept);
+        QCOMPARE(shell.done, kept ? QStringList{"history"} : QStringList{});
+        QVERIFY(shell.trigger({"Keep history"}));
+        QCOMPARE(shell.find({"History"})->isEnabled(), !kept);
     }
 
     // Pinning takes the repository a folder belongs to; a folder outside Git is refused with a notice.
