@@ -1,7 +1,10 @@
 #pragma once
 
+#include <QByteArray>
+#include <QFile>
 #include <QString>
 #include <QStringList>
+#include <QTemporaryDir>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -19,6 +22,31 @@ inline QStringList fields(const uint8_t *data, size_t size) {
 
 inline QString field(const QStringList &fields, qsizetype index) {
     return index < fields.size() ? fields[index] : QString();
+}
+
+inline QByteArray bytes(const uint8_t *data, size_t size) {
+    return QByteArray(reinterpret_cast<const char *>(data), qsizetype(size));
+}
+
+// A private folder for targets that read files, made once per run. The data directory points into
+// it, so that nothing a target logs reaches the user's own log.
+inline QString scratchDirectory() {
+    static QTemporaryDir directory;
+    static const bool pointed = [] {
+        qputenv("QUORVANE_HOME", (directory.path() + QStringLiteral("/home")).toUtf8());
+        return true;
+    }();
+    (void)pointed;
+    return directory.path();
+}
+
+// A target that cannot set up its input has found nothing, and must not pretend it did.
+inline void writeFile(const QString &path, const QByteArray &contents) {
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(contents) != contents.size()) {
+        std::fprintf(stderr, "cannot write %s\n", qPrintable(path));
+        std::abort();
+    }
 }
 
 } // namespace FuzzInput
