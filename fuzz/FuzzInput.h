@@ -1,7 +1,9 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -31,7 +33,10 @@ inline QByteArray bytes(const uint8_t *data, size_t size) {
 // A private folder for targets that read files, made once per run. The data directory points into
 // it, so that nothing a target logs reaches the user's own log.
 inline QString scratchDirectory() {
-    static QTemporaryDir directory;
+    // In memory where there is such a file system: a run is then not paced by the disk.
+    static QTemporaryDir directory(QFileInfo(QStringLiteral("/dev/shm")).isWritable()
+                                       ? QStringLiteral("/dev/shm/quorvane-fuzz-XXXXXX")
+                                       : QDir::tempPath() + QStringLiteral("/quorvane-fuzz-XXXXXX"));
     static const bool pointed = [] {
         qputenv("QUORVANE_HOME", (directory.path() + QStringLiteral("/home")).toUtf8());
         return true;
