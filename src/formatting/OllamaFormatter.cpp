@@ -16,18 +16,6 @@ namespace {
 constexpr int kModelListTimeoutMs = 2000;
 constexpr int kGenerateTimeoutMs = 30000;
 
-// The names under "models", in the server's order; any other shape lists nothing.
-QStringList modelNames(const QJsonDocument &document) {
-    QStringList names;
-    const QJsonValue models = document.isObject() ? document.object().value(QLatin1String("models")) : QJsonValue();
-    for (const QJsonValue &model : models.toArray()) {
-        const QJsonValue name = model.toObject().value(QLatin1String("name"));
-        if (name.isString())
-            names.append(name.toString());
-    }
-    return names;
-}
-
 QByteArray generateBody(const QString &model, const QString &prompt, const QString &system, int maxTokens,
                         bool sendThink) {
     const QJsonObject options{
@@ -170,8 +158,23 @@ QCoro::Task<QString> OllamaFormatter::generate(QString prompt, QString system, i
     }
     if (reply.status != 200)
         throw QuorvaneError::formatterUnavailable(QStringLiteral("Ollama returned HTTP error"));
-    const QJsonDocument document = LoopbackHttp::parseJson(reply.body);
+    co_return responseFromReply(reply.body);
+}
+
+QStringList OllamaFormatter::modelNames(const QJsonDocument &document) {
+    QStringList names;
+    const QJsonValue models = document.isObject() ? document.object().value(QLatin1String("models")) : QJsonValue();
+    for (const QJsonValue &model : models.toArray()) {
+        const QJsonValue name = model.toObject().value(QLatin1String("name"));
+        if (name.isString())
+            names.append(name.toString());
+    }
+    return names;
+}
+
+QString OllamaFormatter::responseFromReply(const QByteArray &body) {
+    const QJsonDocument document = LoopbackHttp::parseJson(body);
     const QJsonValue response = document.isObject() ? document.object().value(QLatin1String("response")) : QJsonValue();
     // An empty text is for the guard to refuse.
-    co_return response.isString() ? response.toString() : QString();
+    return response.isString() ? response.toString() : QString();
 }

@@ -4,7 +4,9 @@
 #include "formatting/ModelRequest.h"
 #include "formatting/TextFormatter.h"
 
+#include <QJsonDocument>
 #include <QString>
+#include <QStringList>
 #include <QUrl>
 #include <optional>
 
@@ -30,6 +32,12 @@ public:
 
     const QUrl &endpoint() const { return m_endpoint; }
     const QString &model() const { return m_model; }
+
+    // The names under "models" in a model list, in the server's order; any other shape lists nothing.
+    static QStringList modelNames(const QJsonDocument &document);
+    // The text of a generate reply's body; empty when it has none. Throws ParseError when the body is
+    // not JSON.
+    static QString responseFromReply(const QByteArray &body);
 
 private:
     QCoro::Task<QString> run(ModelRequest request);

@@ -2,6 +2,7 @@
 
 #include <QJsonValue>
 #include <QTimeZone>
+#include <cmath>
 
 namespace {
 
@@ -35,8 +36,11 @@ bool readInteger(const QJsonObject &object, const QString &key, qint64 &out) {
     if (!value.isDouble())
         return false;
     const double number = value.toDouble();
+    // Converting a number outside qint64 is undefined, and a hand-edited line may hold one.
+    if (!(number >= -9.2233720368547758e18 && number < 9.2233720368547758e18) || std::trunc(number) != number)
+        return false;
     out = static_cast<qint64>(number);
-    return static_cast<double>(out) == number;
+    return true;
 }
 
 } // namespace

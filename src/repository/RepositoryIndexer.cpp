@@ -313,7 +313,10 @@ QCoro::Task<QStringList> RepositoryIndexer::trackedFiles(QString root, int maxFi
         QStringLiteral("/usr/bin/git"), {QStringLiteral("ls-files"), QStringLiteral("-z")}, root, environment, 10'000);
     if (!git || git->exitCode != 0)
         co_return QStringList{};
-    const QByteArray &output = git->standardOutput;
+    co_return trackedFilesFromListing(git->standardOutput, maxFiles);
+}
+
+QStringList RepositoryIndexer::trackedFilesFromListing(const QByteArray &output, int maxFiles) {
     QStringList paths;
     for (const QByteArray &entry : output.split('\0')) {
         if (paths.size() >= maxFiles)
@@ -321,7 +324,7 @@ QCoro::Task<QStringList> RepositoryIndexer::trackedFiles(QString root, int maxFi
         if (!entry.isEmpty())
             paths << QString::fromUtf8(entry);
     }
-    co_return paths;
+    return paths;
 }
 
 RepositoryContext RepositoryIndexer::indexListed(const QString &root, const QStringList &trackedFiles) const {

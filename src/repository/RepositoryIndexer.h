@@ -38,6 +38,8 @@ public:
 
     // "git ls-files" in `root`, at most `maxFiles` paths; empty when Git cannot run or fails.
     static QCoro::Task<QStringList> trackedFiles(QString root, int maxFiles);
+    // The paths in NUL-separated "git ls-files -z" output, at most `maxFiles`.
+    static QStringList trackedFilesFromListing(const QByteArray &output, int maxFiles);
 
     // The rules below are exposed for tests.
     static bool isExcluded(const QString &relativePath);

@@ -10,6 +10,8 @@
 #include <QSet>
 #include <QTextBoundaryFinder>
 #include <algorithm>
+#include <cmath>
+#include <limits>
 
 namespace {
 
@@ -71,7 +73,9 @@ std::optional<Learner::Term> Learner::Term::fromJson(const QJsonObject &object) 
     if (!surface.isString() || !count.isDouble() || !properNoun.isBool())
         return std::nullopt;
     const double number = count.toDouble();
-    if (number != static_cast<double>(static_cast<int>(number)))
+    // Checked before converting: an out-of-range number would make the conversion undefined.
+    if (!(number >= std::numeric_limits<int>::min() && number <= std::numeric_limits<int>::max()) ||
+        std::trunc(number) != number)
         return std::nullopt;
     return Term{surface.toString(), static_cast<int>(number), properNoun.toBool()};
 }
@@ -206,7 +210,8 @@ void Learner::ingest(const QString &shipped) {
     const QList<Token> tokens = tokenize(Text::composed(shipped));
     if (tokens.isEmpty())
         return;
-    ++m_model.utterances;
+    // Counts stop at their ceiling rather than wrap: a loaded file may already be there.
+    m_model.utterances += m_model.utterances < std::numeric_limits<int>::max() ? 1 : 0;
     bool atSentenceStart = true;
     for (const Token &token : tokens) {
         const bool startsSentence = atSentenceStart;
@@ -225,7 +230,7 @@ void Learner::ingest(const QString &shipped) {
             m_model.terms.insert(key, Term{token.word, 1, properNoun});
             continue;
         }
-        ++existing->count;
+        existing->count += existing->count < std::numeric_limits<int>::max() ? 1 : 0;
         // Offer the capitalised spelling once the word has shown itself to be a name.
         if (properNoun && !existing->properNoun)
             existing->surface = token.word;

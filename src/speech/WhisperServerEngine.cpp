@@ -137,12 +137,16 @@ QCoro::Task<QString> WhisperServerEngine::finishUtterance() {
         multipartBody(boundary, wav, m_language, drained.prompt), kInferenceTimeoutMs);
     if (reply.status != 200)
         throw QuorvaneError::speechModelUnavailable(QStringLiteral("whisper server returned an error"));
-    co_return stripAnnotations(transcriptFromBody(reply.body));
+    co_return transcriptFromReply(reply.body);
 }
 
 QCoro::Task<void> WhisperServerEngine::cancelUtterance() {
     recycle(drain().samples);
     co_return;
+}
+
+QString WhisperServerEngine::transcriptFromReply(const QByteArray &body) {
+    return stripAnnotations(transcriptFromBody(body));
 }
 
 QString WhisperServerEngine::stripAnnotations(const QString &text) {

@@ -39,6 +39,8 @@ public:
     // Removes whisper's non-speech annotations ("[BLANK_AUDIO]", "(laughs)", "*sighs*") and folds
     // white space.
     static QString stripAnnotations(const QString &text);
+    // The recognised text of an inference reply's body. Throws ParseError when the body is not JSON.
+    static QString transcriptFromReply(const QByteArray &body);
 
 private:
     struct Drained {

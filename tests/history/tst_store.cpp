@@ -88,6 +88,23 @@ private slots:
         QCOMPARE(store.recentTranscripts(5), (QStringList{"first", longText, "last"}));
     }
 
+    // A line edited by hand is skipped like any unreadable one; the entries around it stay.
+    void malformedDurationIsSkipped_data() {
+        QTest::addColumn<QJsonValue>("asrMS");
+        QTest::newRow("beyond 64 bits") << QJsonValue(1e300);
+        QTest::newRow("fractional") << QJsonValue(1.5);
+        QTest::newRow("text") << QJsonValue("412");
+    }
+    void malformedDurationIsSkipped() {
+        QFETCH(QJsonValue, asrMS);
+        QJsonObject edited = makeUtterance("2", "edited").toJson();
+        edited.insert("asrMS", asrMS);
+        writeFile(history(), line(makeUtterance("1", "first")) + QJsonDocument(edited).toJson(QJsonDocument::Compact) +
+                                 '\n' + line(makeUtterance("3", "last")));
+        Store store(root());
+        QCOMPARE(store.recentTranscripts(5), (QStringList{"first", "last"}));
+    }
+
     void pruning_data() {
         QTest::addColumn<qint64>("maxEntries");
         QTest::addColumn<qint64>("maxBytes");

@@ -114,6 +114,8 @@ private slots:
         QTest::newRow("array") << QByteArray("[]");
         QTest::newRow("fractional count")
             << QByteArray(R"({"terms":{"x":{"surface":"x","count":2.5,"properNoun":false}},"utterances":1})");
+        QTest::newRow("count beyond int")
+            << QByteArray(R"({"terms":{"x":{"surface":"x","count":1e300,"properNoun":false}},"utterances":1})");
     }
     void unreadableFileGivesEmptyModel() {
         QFETCH(QByteArray, contents);
@@ -123,6 +125,19 @@ private slots:
         file.close();
         ManualScheduler scheduler;
         QVERIFY(Learner(path(), scheduler).model() == Learner::Model{});
+    }
+
+    void countsStopAtTheirCeiling() {
+        QFile file(path());
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(
+            R"({"terms":{"xyzzy":{"surface":"Xyzzy","count":2147483647,"properNoun":true}},"utterances":2147483647})");
+        file.close();
+        ManualScheduler scheduler;
+        Learner learner(path(), scheduler);
+        learner.ingest("say xyzzy");
+        QCOMPARE(describe(learner.model()), "xyzzy=Xyzzy:2147483647:P");
+        QCOMPARE(learner.model().utterances, 2147483647);
     }
 
     void forget() {
