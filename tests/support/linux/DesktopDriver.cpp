@@ -99,6 +99,8 @@ DictationApp::DictationApp(const QUrl &whisperServer) {
     environment.insert("QUORVANE_HOME", m_home.path());
     environment.insert("QT_QPA_PLATFORM", "xcb");
     m_process.setProcessEnvironment(environment);
+    // Away from any source checkout, which the app would take for the user's repository.
+    m_process.setWorkingDirectory(m_home.path());
     m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_process.setStandardOutputFile(QProcess::nullDevice());
     m_process.start(QUORVANE_BINARY, QStringList{});
