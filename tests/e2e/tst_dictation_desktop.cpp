@@ -1,0 +1,276 @@
+#include "FakeWhisperServer.h"
+#include "linux/DesktopDriver.h"
+#include "speech/WavDecoder.h"
+
+#include <QDir>
+#include <QTest>
+#include <X11/Xlib.h>
+#include <X11/extensions/XRes.h>
+#include <X11/extensions/XTest.h>
+#include <cmath>
+#include <memory>
+
+namespace {
+
+const QString spoken = QStringLiteral("Hello from the headless desktop.");
+constexpr int rightAlt = 108;
+
+void xdotool(const QStringList &arguments) {
+    QCOMPARE(runTool("xdotool", arguments).exitCode, 0);
+}
+
+// The app's X client that selected events on a window but owns none: the hotkey thread's
+// connection. Qt's and the clipboard's connections own windows; the others select nothing.
+XID hotkeyClient(Display *display, qint64 pid) {
+    int clientCount = 0;
+    XResClient *clients = nullptr;
+    XResQueryClients(display, &clientCount, &clients);
+    XID found = 0;
+    for (int i = 0; i < clientCount && !found; ++i) {
+        XResClientIdSpec spec{clients[i].resource_base, XRES_CLIENT_ID_PID_MASK};
+        long idCount = 0;
+        XResClientIdValue *ids = nullptr;
+        if (XResQueryClientIds(display, 1, &spec, &idCount, &ids) != Success)
+            continue;
+        const bool ours = idCount > 0 && XResGetClientPid(&ids[0]) == pid;
+        XResClientIdsDestroy(idCount, ids);
+        if (!ours)
+            continue;
+        int typeCount = 0;
+        XResType *types = nullptr;
+        XResQueryClientResources(display, clients[i].resource_base, &typeCount, &types);
+        bool windows = false, selections = false;
+        for (int t = 0; t < typeCount; ++t) {
+            char *name = XGetAtomName(display, types[t].resource_type);
+            windows |= qstrcmp(name, "WINDOW") == 0 && types[t].count > 0;
+            selections |= qstrcmp(name, "INPUTCLIENT") == 0 && types[t].count > 0;
+            XFree(name);
+        }
+        XFree(types);
+        if (selections && !windows)
+            found = clients[i].resource_base;
+    }
+    XFree(clients);
+    return found;
+}
+
+// Loudness in 10 ms frames.
+std::vector<double> envelope(const WavDecoder::Decoded &audio) {
+    const std::size_t frame = std::size_t(audio.sampleRate / 100);
+    std::vector<double> frames;
+    for (std::size_t start = 0; start + frame <= audio.samples.size(); start += frame) {
+        double sum = 0;
+        for (std::size_t i = start; i < start + frame; ++i)
+            sum += double(audio.samples[i]) * audio.samples[i];
+        frames.push_back(std::sqrt(sum / double(frame)));
+    }
+    return frames;
+}
+
+// The best Pearson correlation of `part` against any stretch of `whole`.
+double bestMatch(const std::vector<double> &part, const std::vector<double> &whole) {
+    const auto correlation = [&](std::size_t lag) {
+        double mp = 0, mw = 0;
+        for (std::size_t i = 0; i < part.size(); ++i)
+            mp += part[i], mw += whole[lag + i];
+        mp /= double(part.size()), mw /= double(part.size());
+        double pw = 0, pp = 0, ww = 0;
+        for (std::size_t i = 0; i < part.size(); ++i) {
+            pw += (part[i] - mp) * (whole[lag + i] - mw);
+            pp += (part[i] - mp) * (part[i] - mp);
+            ww += (whole[lag + i] - mw) * (whole[lag + i] - mw);
+        }
+        return pp > 0 && ww > 0 ? pw / std::sqrt(pp * ww) : 0.0;
+    };
+    double best = -1;
+    for (std::size_t lag = 0; lag + part.size() <= whole.size(); ++lag)
+        best = std::max(best, correlation(lag));
+    return best;
+}
+
+} // namespace
+
+class TestDictationDesktop : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase() {
+        // Presses keys and plays sound: only on the throwaway desktop, never in the user's session.
+        if (qEnvironmentVariableIsEmpty("QUORVANE_DESKTOP"))
+            QSKIP("needs the desktop of scripts/headless-desktop");
+        m_whisper.setDefaultInference(FakeWhisperServer::transcript(" " + spoken + "\n"));
+        m_clip = m_folder.filePath("clip.wav");
+        QVERIFY(speak("hello from the headless desktop", m_clip));
+        m_target = std::make_unique<TargetWindow>();
+        QVERIFY(m_target->ready);
+        QVERIFY(m_target->focus("line"));
+        m_app = std::make_unique<DictationApp>(m_whisper.url());
+        QVERIFY(m_app->awaitReady());
+    }
+
+    void init() {
+        m_from = m_app->log().size();
+        m_target->command("set line ");
+        m_target->command("set password ");
+    }
+
+    void cleanup() {
+        runTool("xdotool", {"keyup", QString::number(rightAlt)});
+        if (m_xterm) {
+            m_xterm->kill();
+            m_xterm->waitForFinished();
+            m_xterm.reset();
+        }
+        // Lets any clipboard restore of a failed case settle before the next one snapshots it.
+        QTest::qWait(500);
+    }
+
+    // The text lands in the focused widget, and everything the clipboard held comes back.
+    void pastesIntoTheFocusedWidgetAndRestoresTheClipboard_data() {
+        QTest::addColumn<QString>("field");
+        QTest::newRow("line edit") << "line";
+        QTest::newRow("text edit") << "edit";
+    }
+    void pastesIntoTheFocusedWidgetAndRestoresTheClipboard() {
+        QFETCH(QString, field);
+        m_target->command("set edit ");
+        QCOMPARE(m_target->command("copy copied before — ünïcode"), "ok");
+        const auto before = clipboardFormats();
+        const QStringList formats = formatNames(before);
+        QVERIFY2(formats.contains("image/png") && formats.contains("UTF8_STRING"), qPrintable(formats.join(' ')));
+        QVERIFY(m_target->focus(field));
+
+        holdAndSpeak();
+        QTRY_VERIFY_WITH_TIMEOUT(m_target->text(field).contains(spoken), 8000);
+        QTRY_COMPARE_WITH_TIMEOUT(clipboardFormats(), before, 3000);
+    }
+
+    // A password field is neither written nor read, and the user is told why nothing was typed.
+    void passwordFieldGetsNothing() {
+        QVERIFY(m_target->focus("password"));
+
+        holdAndSpeak();
+        QVERIFY(m_app->awaitLine(
+            "[ERROR] Injection failed: Quorvane never reads or edits password and secure-entry fields.", m_from));
+        QVERIFY(m_app->awaitLine("[WARN] [Couldn't type that]", m_from));
+        QCOMPARE(m_target->text("password"), QString());
+    }
+
+    // Ctrl+V would type a control character in xterm; only Shift+Insert pastes there.
+    void pastesIntoXterm() {
+        const QString file = m_folder.filePath("xterm-line");
+        startXterm({"-e", "sh", "-c", "read line; echo \"$line\" > \"$0\"", file});
+        QVERIFY(awaitActive(m_xterm->processId()));
+
+        holdAndSpeak();
+        QVERIFY(m_app->awaitLine("Dictation complete", m_from));
+        xdotool({"key", "Return"});
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(file), 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(readFile(file).trimmed(), spoken.toUtf8(), 3000);
+    }
+
+    // The hotkey thread's X connection is killed and the key released in one request stream, so
+    // the server has dropped that client before the release and no reconnection can see it.
+    void watchdogMakesGoodALostKeyUp() {
+        QVERIFY(m_target->focus("line"));
+        xdotool({"keydown", QString::number(rightAlt)});
+        QVERIFY(m_app->awaitLine("Recording started.", m_from));
+        playClip();
+
+        Display *display = XOpenDisplay(nullptr);
+        QVERIFY(display);
+        const XID client = hotkeyClient(display, m_app->processID());
+        if (client)
+            XKillClient(display, client);
+        XTestFakeKeyEvent(display, rightAlt, False, CurrentTime);
+        XSync(display, False);
+        XCloseDisplay(display);
+        QVERIFY2(client, "no X client of the app looks like the hotkey thread's");
+
+        QVERIFY(m_app->awaitLine("re-enabled it", m_from));
+        QVERIFY(m_app->awaitLine("Key-up was never delivered", m_from));
+        QTRY_VERIFY_WITH_TIMEOUT(m_target->text("line").contains(spoken), 8000);
+    }
+
+    void switchingWindowsWhileSpeakingPastesNothing() {
+        QVERIFY(m_target->focus("line"));
+        xdotool({"keydown", QString::number(rightAlt)});
+        QVERIFY(m_app->awaitLine("Recording started.", m_from));
+        playClip();
+        startXterm({"-e", "sh", "-c", "sleep 60"});
+        QVERIFY(awaitActive(m_xterm->processId()));
+        xdotool({"keyup", QString::number(rightAlt)});
+
+        QVERIFY(
+            m_app->awaitLine("[ERROR] Injection failed: The destination app changed while you were speaking.", m_from));
+        QVERIFY(m_app->awaitLine("[WARN] [Couldn't type that]", m_from));
+        QCOMPARE(m_target->text("line"), QString());
+    }
+
+    // Speech that began before the key went down reaches the recogniser from its first syllable.
+    void speechBeforeKeyDownIsKept() {
+        QVERIFY(m_target->focus("line"));
+        const qsizetype uploads = m_whisper.inferenceRequests().size();
+        QProcess player;
+        play(player, m_clip);
+        // The clip is already sounding when the key goes down; only the pre-roll can hold its start
+        // (a recording from key-down on matches the first half second at about 0.7).
+        QTest::qWait(250);
+        xdotool({"keydown", QString::number(rightAlt)});
+        QVERIFY(player.waitForFinished(10000));
+        QTest::qWait(300);
+        xdotool({"keyup", QString::number(rightAlt)});
+        QTRY_COMPARE_WITH_TIMEOUT(m_whisper.inferenceRequests().size(), uploads + 1, 8000);
+
+        const auto clip = envelope(WavDecoder::decode(readFile(m_clip)));
+        const auto upload = envelope(WavDecoder::decode(*m_whisper.inferenceRequests().last().field("file")));
+        const double loudest = *std::max_element(clip.begin(), clip.end());
+        const auto onset = std::find_if(clip.begin(), clip.end(), [&](double v) { return v > loudest / 10; });
+        QVERIFY(clip.end() - onset >= 50);
+        const std::vector<double> firstHalfSecond(onset, onset + 50);
+        const double match = bestMatch(firstHalfSecond, upload);
+        QVERIFY2(match > 0.9, qPrintable(QString::number(match)));
+    }
+
+private:
+    static QStringList formatNames(const QList<std::pair<QByteArray, QByteArray>> &formats) {
+        QStringList names;
+        for (const auto &format : formats)
+            names << QString::fromUtf8(format.first);
+        return names;
+    }
+    static QByteArray readFile(const QString &path) {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+    // Holds Right Alt over the whole clip and a little after it, as a speaker would.
+    void holdAndSpeak() {
+        xdotool({"keydown", QString::number(rightAlt)});
+        QVERIFY(m_app->awaitLine("Recording started.", m_from));
+        playClip();
+        xdotool({"keyup", QString::number(rightAlt)});
+    }
+    void playClip() {
+        QProcess player;
+        play(player, m_clip);
+        QVERIFY(player.waitForFinished(10000));
+        QTest::qWait(300);
+    }
+    void startXterm(const QStringList &arguments) {
+        m_xterm = std::make_unique<QProcess>();
+        m_xterm->start("xterm", arguments);
+        QVERIFY(m_xterm->waitForStarted());
+    }
+
+    QTemporaryDir m_folder;
+    FakeWhisperServer m_whisper;
+    QString m_clip;
+    std::unique_ptr<TargetWindow> m_target;
+    std::unique_ptr<DictationApp> m_app;
+    std::unique_ptr<QProcess> m_xterm;
+    qsizetype m_from = 0;
+};
+
+QTEST_MAIN(TestDictationDesktop)
+#include "tst_dictation_desktop.moc"

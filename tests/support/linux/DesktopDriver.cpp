@@ -1,0 +1,150 @@
+#include "DesktopDriver.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTest>
+
+ToolRun runTool(const QString &program, const QStringList &arguments, int timeoutMs) {
+    QProcess process;
+    process.start(program, arguments);
+    QElapsedTimer waited;
+    waited.start();
+    while (!process.waitForFinished(5) && waited.elapsed() < timeoutMs)
+        QCoreApplication::processEvents();
+    if (process.state() != QProcess::NotRunning) {
+        process.kill();
+        process.waitForFinished();
+        return {};
+    }
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1, process.readAllStandardOutput()};
+}
+
+qint64 activeProcess() {
+    return runTool("xdotool", {"getactivewindow", "getwindowpid"}).output.trimmed().toLongLong();
+}
+
+bool awaitActive(qint64 pid) {
+    return QTest::qWaitFor([pid] { return activeProcess() == pid; }, 5000);
+}
+
+QList<std::pair<QByteArray, QByteArray>> clipboardFormats() {
+    static const QList<QByteArray> bookkeeping = {"TARGETS", "TIMESTAMP", "MULTIPLE", "SAVE_TARGETS", "DELETE"};
+    QList<std::pair<QByteArray, QByteArray>> formats;
+    const ToolRun targets = runTool("xclip", {"-selection", "clipboard", "-o", "-t", "TARGETS"});
+    for (const QByteArray &target : targets.output.split('\n')) {
+        if (target.isEmpty() || bookkeeping.contains(target))
+            continue;
+        const ToolRun bytes = runTool("xclip", {"-selection", "clipboard", "-o", "-t", QString::fromUtf8(target)});
+        formats.append({target, bytes.exitCode == 0 ? bytes.output : QByteArray("<unreadable>")});
+    }
+    std::sort(formats.begin(), formats.end());
+    return formats;
+}
+
+TargetWindow::TargetWindow() {
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("QT_QPA_PLATFORM", "xcb");
+    // The headless desktop enables assistive technology; this spares Qt the bus round trip.
+    environment.insert("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
+    m_process.setProcessEnvironment(environment);
+    m_process.start(QUORVANE_TARGET_WINDOW, QStringList{});
+    ready = m_process.waitForStarted() && answer() == "ready";
+}
+
+TargetWindow::~TargetWindow() {
+    m_process.closeWriteChannel();
+    if (!m_process.waitForFinished(2000))
+        m_process.kill();
+}
+
+QByteArray TargetWindow::command(const QString &line) {
+    // Answers left over from a command that timed out belong to no one.
+    m_process.readAll();
+    m_process.write(line.toUtf8() + '\n');
+    return answer();
+}
+
+QString TargetWindow::text(const QString &field) {
+    return QJsonDocument::fromJson(command("text")).object().value(field).toString();
+}
+
+bool TargetWindow::focus(const QString &field) {
+    return command("focus " + field) == "ok" && awaitActive(processID());
+}
+
+QByteArray TargetWindow::answer() {
+    QElapsedTimer waited;
+    waited.start();
+    while (!m_process.canReadLine() && waited.elapsed() < 5000) {
+        QCoreApplication::processEvents();
+        m_process.waitForReadyRead(1);
+    }
+    return m_process.readLine().trimmed();
+}
+
+DictationApp::DictationApp(const QUrl &whisperServer) {
+    const QJsonObject config{{"asr", "whisperServer"},
+                             {"whisperEndpoint", whisperServer.toString()},
+                             {"formatter", "none"},
+                             {"didCompleteOnboarding", true}};
+    QFile file(QDir(m_home.path()).filePath("config.json"));
+    if (file.open(QIODevice::WriteOnly))
+        file.write(QJsonDocument(config).toJson());
+    file.close();
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("QUORVANE_HOME", m_home.path());
+    environment.insert("QT_QPA_PLATFORM", "xcb");
+    m_process.setProcessEnvironment(environment);
+    // Away from any source checkout, which the app would take for the user's repository.
+    m_process.setWorkingDirectory(m_home.path());
+    m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    m_process.setStandardOutputFile(QProcess::nullDevice());
+    m_process.start(QUORVANE_BINARY, QStringList{});
+}
+
+DictationApp::~DictationApp() {
+    m_process.terminate();
+    if (!m_process.waitForFinished(5000))
+        m_process.kill();
+    m_process.waitForFinished();
+}
+
+bool DictationApp::awaitReady() {
+    return awaitLine("Hotkey armed", 0, 15000) && awaitLine("Microphone ready", 0, 15000);
+}
+
+QStringList DictationApp::log() const {
+    QFile file(QDir(m_home.path()).filePath("quorvane.log"));
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QStringList lines = QString::fromUtf8(file.readAll()).split('\n');
+    // A line still being written is not a line yet.
+    lines.removeLast();
+    return lines;
+}
+
+std::optional<QString> DictationApp::awaitLine(const QString &needle, qsizetype from, int timeoutMs) const {
+    std::optional<QString> found;
+    (void)QTest::qWaitFor(
+        [&] {
+            const QStringList lines = log();
+            for (qsizetype i = from; i < lines.size() && !found; ++i)
+                if (lines[i].contains(needle))
+                    found = lines[i];
+            return found.has_value();
+        },
+        timeoutMs);
+    return found;
+}
+
+bool speak(const QString &text, const QString &wavPath) {
+    return runTool("espeak-ng", {"-w", wavPath, text}).exitCode == 0;
+}
+
+void play(QProcess &player, const QString &wavPath) {
+    player.start("paplay", {"-d", "quorvane_null", wavPath});
+}

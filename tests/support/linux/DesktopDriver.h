@@ -1,0 +1,75 @@
+#pragma once
+
+#include <QByteArray>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QUrl>
+#include <optional>
+
+// Drives the real desktop from a test or a benchmark. Every wait keeps this thread's event loop
+// turning, since the fake servers and any clipboard this process owns are served from it.
+
+struct ToolRun {
+    int exitCode = -1;
+    QByteArray output;
+};
+
+// Runs a desktop tool (xdotool, xclip, paplay, …) to its end, for at most `timeoutMs`.
+ToolRun runTool(const QString &program, const QStringList &arguments, int timeoutMs = 10000);
+// The process id of the window the desktop says is active, 0 when none.
+qint64 activeProcess();
+// Waits until the active window belongs to `pid`.
+bool awaitActive(qint64 pid);
+// Every format the clipboard offers, with its bytes; Xlib's bookkeeping targets left out.
+QList<std::pair<QByteArray, QByteArray>> clipboardFormats();
+
+// The window of quorvane_target_window (its header comment lists the commands).
+class TargetWindow {
+public:
+    TargetWindow();
+    ~TargetWindow();
+    TargetWindow(const TargetWindow &) = delete;
+    TargetWindow &operator=(const TargetWindow &) = delete;
+
+    QByteArray command(const QString &line);
+    QString text(const QString &field);
+    // Gives `field` the focus and waits until the desktop agrees that the window is in front.
+    bool focus(const QString &field);
+    qint64 processID() const { return m_process.processId(); }
+
+    bool ready = false;
+
+private:
+    QByteArray answer();
+
+    QProcess m_process;
+};
+
+// The real quorvane app in a data folder of its own, pointed at a whisper server, no formatter.
+class DictationApp {
+public:
+    explicit DictationApp(const QUrl &whisperServer);
+    ~DictationApp();
+    DictationApp(const DictationApp &) = delete;
+    DictationApp &operator=(const DictationApp &) = delete;
+
+    // Waits until the hotkey is armed and the microphone warm.
+    bool awaitReady();
+    // The log lines written so far.
+    QStringList log() const;
+    // The first line from index `from` on that contains `needle`, within `timeoutMs`.
+    std::optional<QString> awaitLine(const QString &needle, qsizetype from, int timeoutMs = 8000) const;
+    qint64 processID() const { return m_process.processId(); }
+    QString home() const { return m_home.path(); }
+
+private:
+    QTemporaryDir m_home;
+    QProcess m_process;
+};
+
+// A spoken clip written by espeak-ng.
+bool speak(const QString &text, const QString &wavPath);
+// Starts playing a WAV into the virtual microphone; the caller waits for the process.
+void play(QProcess &player, const QString &wavPath);
