@@ -1,9 +1,8 @@
 #include "platform/ProcessAudioCapture.h"
 
 #include "core/Log.h"
-#include "speech/WavEncoder.h"
+#include "platform/CapturedAudio.h"
 
-#include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QStandardPaths>
@@ -11,15 +10,6 @@
 #include <future>
 
 namespace {
-
-float levelOf(const std::vector<float> &samples) {
-    if (samples.empty())
-        return 0;
-    double sum = 0;
-    for (const float sample : samples)
-        sum += double(sample) * sample;
-    return float(std::min(std::sqrt(sum / double(samples.size())) * 12.0, 1.0));
-}
 
 bool isRunnable(const QString &program) {
     if (program.contains(QLatin1Char('/')))
@@ -117,7 +107,7 @@ void ProcessAudioCapture::consume(const QByteArray &pcm) {
     if (pcm.size() < 2)
         return;
     std::vector<float> samples = decode(pcm);
-    const float level = levelOf(samples);
+    const float level = CapturedAudio::meterLevel(samples);
     std::function<void(const AudioChunk &)> onChunk;
     double rate;
     {
@@ -152,9 +142,7 @@ void ProcessAudioCapture::writeRetainedAudio(const QString &path) {
     }
     if (!retaining || samples.empty())
         return;
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(WavEncoder::encode(samples, rate)) < 0)
-        Log::warn(QStringLiteral("Could not save the recording to ") + path);
+    CapturedAudio::save(path, samples, rate);
 }
 
 float ProcessAudioCapture::currentLevel() const {

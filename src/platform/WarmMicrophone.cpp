@@ -1,9 +1,8 @@
 #include "platform/WarmMicrophone.h"
 
 #include "core/Log.h"
-#include "speech/WavEncoder.h"
+#include "platform/CapturedAudio.h"
 
-#include <QFile>
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -22,15 +21,6 @@ constexpr float quietPeak = 0.01f;
 
 bool hasSignal(float sample) {
     return std::isfinite(sample) && sample != 0.0f;
-}
-
-float levelOf(const std::vector<float> &samples) {
-    if (samples.empty())
-        return 0;
-    double sum = 0;
-    for (const float sample : samples)
-        sum += double(sample) * sample;
-    return float(std::min(std::sqrt(sum / double(samples.size())) * 12.0, 1.0));
 }
 
 QString describe(const std::exception &error) {
@@ -184,7 +174,7 @@ void WarmMicrophone::startEngineLocked(double rate, bool retainAudio, bool captu
 }
 
 void WarmMicrophone::process(std::vector<float> samples) {
-    const float level = levelOf(samples);
+    const float level = CapturedAudio::meterLevel(samples);
     const bool signal = std::any_of(samples.begin(), samples.end(), hasSignal);
     const auto frames = qint64(samples.size());
     std::function<void(const AudioChunk &)> handler;
@@ -473,7 +463,5 @@ void WarmMicrophone::writeRetainedAudio(const QString &path) {
     }
     if (!retaining || samples.empty() || rate == 0)
         return;
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(WavEncoder::encode(samples, rate)) < 0)
-        Log::warn(QStringLiteral("Could not save the recording to ") + path);
+    CapturedAudio::save(path, samples, rate);
 }

@@ -268,11 +268,11 @@ private slots:
         FakeWhisperServer server;
         // The settings' engine and language reach the server.
         QDir().mkpath(dir.filePath("home"));
-        writeFileBytes(
-            dir.filePath("home/config.json"),
-            QJsonDocument(
-                QJsonObject{{"asr", "whisperServer"}, {"whisperEndpoint", server.url().toString()}, {"locale", "fr-FR"}})
-                .toJson());
+        writeFileBytes(dir.filePath("home/config.json"),
+                       QJsonDocument(QJsonObject{{"asr", "whisperServer"},
+                                                 {"whisperEndpoint", server.url().toString()},
+                                                 {"locale", "fr-FR"}})
+                           .toJson());
         writeFileBytes(dir.filePath("set.json"), manifest({clip("a", "a.wav", "hello world")}, {}));
         writeToneWav(dir.filePath("a.wav"), 0.5, 16000);
         const QuorvaneRun run = runBenchmark(dir.filePath("home"), {dir.filePath("set.json")});

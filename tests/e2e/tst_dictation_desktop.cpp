@@ -27,10 +27,10 @@ XID hotkeyClient(Display *display, qint64 pid) {
     XResQueryClients(display, &clientCount, &clients);
     XID found = 0;
     for (int i = 0; i < clientCount && !found; ++i) {
-        XResClientIdSpec spec{clients[i].resource_base, XRES_CLIENT_ID_PID_MASK};
+        XResClientIdSpec query{clients[i].resource_base, XRES_CLIENT_ID_PID_MASK};
         long idCount = 0;
         XResClientIdValue *ids = nullptr;
-        if (XResQueryClientIds(display, 1, &spec, &idCount, &ids) != Success)
+        if (XResQueryClientIds(display, 1, &query, &idCount, &ids) != Success)
             continue;
         const bool ours = idCount > 0 && XResGetClientPid(&ids[0]) == pid;
         XResClientIdsDestroy(idCount, ids);
