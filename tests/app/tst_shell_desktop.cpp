@@ -193,8 +193,9 @@ private Q_SLOTS:
 
             runTool(QStringLiteral("xdotool"), {QStringLiteral("windowactivate"), QStringLiteral("--sync"), window});
             runTool(QStringLiteral("xdotool"), {QStringLiteral("key"), QStringLiteral("alt+F4")});
-            QTRY_VERIFY_WITH_TIMEOUT(windowNamed(QStringLiteral("Welcome to Quorvane")).isEmpty(), 5000);
-            QTRY_VERIFY_WITH_TIMEOUT(savedConfig(m_home.path()).value("didCompleteOnboarding").toBool(), 5000);
+            // Generous limits: under the sanitizers the app is several times slower.
+            QTRY_VERIFY_WITH_TIMEOUT(windowNamed(QStringLiteral("Welcome to Quorvane")).isEmpty(), 30000);
+            QTRY_VERIFY_WITH_TIMEOUT(savedConfig(m_home.path()).value("didCompleteOnboarding").toBool(), 30000);
             QVERIFY(app.running());
         }
         App again(m_home.path());
@@ -221,11 +222,12 @@ private Q_SLOTS:
                 return tray.width() >= 16;
             },
             20000));
+        QVERIFY(QTest::qWaitFor([&] { return logHas(QStringLiteral("Hotkey armed")); }, 30000));
         QTest::qWait(1000);
         const QPoint icon = tray.center();
         runTool(QStringLiteral("xdotool"), {QStringLiteral("mousemove"), QString::number(icon.x()),
                                             QString::number(icon.y()), QStringLiteral("click"), QStringLiteral("1")});
-        const QString menu = awaitWindow(QStringLiteral("Quorvane Menu"), 5000);
+        const QString menu = awaitWindow(QStringLiteral("Quorvane Menu"), 20000);
         QVERIFY2(!menu.isEmpty(), "the menu did not open");
         const QRect area = geometry(menu);
         QVERIFY2(area.height() > 300 && area.width() > 150,
@@ -251,8 +253,11 @@ private Q_SLOTS:
                  0);
         App app(m_home.path());
         QVERIFY(!awaitWindow(QStringLiteral("panel"), 5000).isEmpty());
-        // The microphone is warm and the engine loaded well before the first key.
-        QTest::qWait(4000);
+        // The microphone is warm and the keys armed well before the first key.
+        QVERIFY(QTest::qWaitFor(
+            [&] { return logHas(QStringLiteral("Hotkey armed")) && logHas(QStringLiteral("Microphone ready")); },
+            30000));
+        QTest::qWait(2000);
         Target target;
         QVERIFY(target.ready);
         QCOMPARE(target.command("focus line"), QByteArray("ok"));
@@ -260,7 +265,7 @@ private Q_SLOTS:
         QVERIFY(QTest::qWaitFor([&] { return !(focused = activeWindow()).isEmpty(); }, 3000));
 
         runTool(QStringLiteral("xdotool"), {QStringLiteral("keydown"), QStringLiteral("108")});
-        const QString overlay = awaitWindow(QStringLiteral("Quorvane Recording"), 5000);
+        const QString overlay = awaitWindow(QStringLiteral("Quorvane Recording"), 20000);
         QVERIFY2(!overlay.isEmpty(), "no overlay while recording");
         const QRect meter(12, 32, 236, 28);
         const int quiet = pixelsUnlike(screenshot(m_scratch.filePath(QStringLiteral("quiet.png")), overlay), meter,
@@ -293,6 +298,16 @@ private Q_SLOTS:
     }
 
 private:
+    bool logHas(const QString &text) const {
+        QFile log(m_home.filePath(QStringLiteral("quorvane.log")));
+        if (!log.open(QIODevice::ReadOnly))
+            return false;
+        // Only what the latest start wrote: the data folder is shared by the tests.
+        const QString lines = QString::fromUtf8(log.readAll());
+        const qsizetype start = lines.lastIndexOf(QStringLiteral(" started"));
+        return start >= 0 && lines.indexOf(text, start) >= 0;
+    }
+
     QTemporaryDir m_scratch;
     QTemporaryDir m_home;
     QString m_shots;
