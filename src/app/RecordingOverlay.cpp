@@ -13,18 +13,6 @@ constexpr int overlayWidth = 260;
 constexpr int overlayHeight = 64;
 constexpr float floorDb = -50.0f;
 
-QString modeTitle(PipelineMode mode) {
-    switch (mode) {
-    case PipelineMode::dictation:
-        return QStringLiteral("Dictation");
-    case PipelineMode::editSelection:
-        return QStringLiteral("Edit in Place");
-    case PipelineMode::developerPrompt:
-        return QStringLiteral("Prompt Mode");
-    }
-    return {};
-}
-
 } // namespace
 
 RecordingOverlay::RecordingOverlay(Scheduler &scheduler)
@@ -123,7 +111,7 @@ void RecordingOverlay::paintEvent(QPaintEvent *) {
     font.setBold(true);
     painter.setFont(font);
     painter.setPen(Qt::white);
-    painter.drawText(QRect(36, 8, width() - 44, 24), Qt::AlignLeft | Qt::AlignVCenter, modeTitle(m_mode));
+    painter.drawText(QRect(36, 8, width() - 44, 24), Qt::AlignLeft | Qt::AlignVCenter, displayName(m_mode));
     font.setBold(false);
     painter.setFont(font);
     painter.setPen(QColor(0xb8, 0xbb, 0xc2));

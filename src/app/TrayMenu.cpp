@@ -23,18 +23,6 @@ QAction *addChoice(QMenu *menu, QActionGroup *group, const QString &text, bool c
     return action;
 }
 
-QString modeName(PipelineMode mode) {
-    switch (mode) {
-    case PipelineMode::dictation:
-        return QStringLiteral("dictation");
-    case PipelineMode::editSelection:
-        return QStringLiteral("Edit in Place");
-    case PipelineMode::developerPrompt:
-        return QStringLiteral("Prompt Mode");
-    }
-    return {};
-}
-
 } // namespace
 
 TrayMenu::TrayMenu(Config config, Hooks hooks)
@@ -155,7 +143,7 @@ void TrayMenu::addKeyMenu(const QString &title, PushToTalkKey Config::*field) {
                 takenBy = mode;
         // Two modes on one key would start both; a taken key is shown, but not offered.
         if (takenBy)
-            text += QStringLiteral(" (used by ") + modeName(*takenBy) + QLatin1Char(')');
+            text += QStringLiteral(" (used by ") + displayName(*takenBy) + QLatin1Char(')');
         QAction *action = addChoice(menu, group, text, m_config.*field == key,
                                     [this, field, key] { change([&](Config &c) { c.*field = key; }); });
         action->setEnabled(!takenBy);

@@ -13,3 +13,15 @@ QString PipelineState::description() const {
     }
     return {};
 }
+
+QString displayName(PipelineMode mode) {
+    switch (mode) {
+    case PipelineMode::dictation:
+        return QStringLiteral("Dictation");
+    case PipelineMode::editSelection:
+        return QStringLiteral("Edit in Place");
+    case PipelineMode::developerPrompt:
+        return QStringLiteral("Prompt Mode");
+    }
+    return {};
+}

@@ -22,3 +22,6 @@ struct PipelineState {
 
 // The three push-to-talk keys' modes.
 enum class PipelineMode { dictation, editSelection, developerPrompt };
+
+// "Dictation", "Edit in Place", "Prompt Mode".
+QString displayName(PipelineMode mode);
