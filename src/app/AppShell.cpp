@@ -315,6 +315,7 @@ void AppShell::buildTray() {
         status.historyCount = m_pipeline->store().totalCount();
         status.p50 = m_pipeline->latency().percentile(50);
         status.p95 = m_pipeline->latency().percentile(95);
+        status.canRetry = m_pipeline->canRetry();
         return status;
     };
     hooks.chooseFolder = []() -> std::optional<QString> {
@@ -336,6 +337,7 @@ void AppShell::buildTray() {
         QMessageBox::information(nullptr, title, message);
     };
     hooks.onChange = [this](const Config &updated) { applySettings(updated); };
+    hooks.retryLastDictation = [this] { m_pipeline->retryLastDictation(); };
     hooks.forgetLearnedWords = [this] { m_pipeline->learner().clear(); };
     hooks.deleteRetainedData = [this] { deleteRetainedData(); };
     hooks.openVocabulary = [this] { openVocabulary(); };

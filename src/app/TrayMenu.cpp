@@ -125,6 +125,12 @@ void TrayMenu::addStatus() {
     title->setEnabled(false);
     QAction *figures = m_menu->addAction(figuresText(status));
     figures->setEnabled(false);
+    QAction *retry = m_menu->addAction(QStringLiteral("Retry last dictation"));
+    retry->setEnabled(status.canRetry);
+    connect(retry, &QAction::triggered, this, [this] {
+        if (m_hooks.retryLastDictation)
+            m_hooks.retryLastDictation();
+    });
 }
 
 void TrayMenu::addKeyMenu(const QString &title, PushToTalkKey Config::*field) {

@@ -27,6 +27,8 @@ public:
         int historyCount = 0;
         std::optional<qint64> p50;
         std::optional<qint64> p95;
+        // A dictation whose transcription failed can be tried again.
+        bool canRetry = false;
     };
 
     struct Hooks {
@@ -40,6 +42,7 @@ public:
         std::function<void(const QString &title, const QString &message)> inform;
 
         std::function<void(const Config &updated)> onChange;
+        std::function<void()> retryLastDictation;
         std::function<void()> forgetLearnedWords;
         std::function<void()> deleteRetainedData;
         std::function<void()> openVocabulary;

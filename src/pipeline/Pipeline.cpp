@@ -16,10 +16,14 @@
 #include "pipeline/EngineChoice.h"
 #include "pipeline/ErrorText.h"
 #include "pipeline/StockPhrases.h"
+#include "speech/AudioFeed.h"
+#include "speech/LinearAudioResampler.h"
 #include "speech/RecognitionContextBuilder.h"
+#include "speech/WavEncoder.h"
 
 #include <QDateTime>
 #include <QFileInfo>
+#include <QSaveFile>
 #include <QUuid>
 #include <algorithm>
 #include <cmath>
@@ -83,6 +87,8 @@ Pipeline::Pipeline(Config config, PlatformKit platform, Scheduler &scheduler, st
         m_platform.frontmostApp = fallbacks.frontmostApp;
     if (!m_platform.notifier)
         m_platform.notifier = fallbacks.notifier;
+    if (!m_platform.cues)
+        m_platform.cues = fallbacks.cues;
     buildEngines();
     m_platform.capture->setVoiceProcessingEnabled(m_config.voiceProcessingEnabled);
     m_recording = Recording{m_asr, m_platform.capture};
@@ -99,7 +105,15 @@ Pipeline::~Pipeline() {
 void Pipeline::setState(const PipelineState &state) {
     if (state == m_state)
         return;
+    const bool wasRecording = m_state.kind == PipelineState::Kind::recording;
     m_state = state;
+    const bool recording = m_state.kind == PipelineState::Kind::recording;
+    // The start cue sounds once the microphone runs, so a loudspeaker may leave it in the first
+    // tenth of a second of the recording: short, soft and over before anyone speaks, recognisers
+    // take it for noise, not a word, and waiting for it would clip the first word instead. The stop
+    // cue comes after the capture has stopped and is never recorded.
+    if (wasRecording != recording && m_config.playSounds)
+        m_platform.cues->play(recording ? Cue::start : Cue::stop);
     if (onStateChange)
         onStateChange(m_state);
 }
@@ -335,13 +349,18 @@ QCoro::Task<void> Pipeline::startRecording(RunTicket ticket, Recording recording
     std::exception_ptr failure;
     try {
         co_await asr->beginUtterance(hints);
-        capture->setOnChunk([asr, peak](const AudioChunk &chunk) {
+        capture->setOnChunk([asr, peak, heard = recording.heard](const AudioChunk &chunk) {
             float loudest = 0;
             for (const float sample : chunk.samples)
                 loudest = std::max(loudest, std::abs(sample));
             // The pre-roll and the device's chunks may come from different threads.
             float seen = peak->load(std::memory_order_relaxed);
             while (loudest > seen && !peak->compare_exchange_weak(seen, loudest, std::memory_order_relaxed)) {
+            }
+            {
+                std::lock_guard lock(heard->lock);
+                heard->samples.insert(heard->samples.end(), chunk.samples.begin(), chunk.samples.end());
+                heard->sampleRate = chunk.sampleRate;
             }
             asr->append(chunk);
         });
@@ -518,6 +537,78 @@ void Pipeline::cancel() {
     abandonUtterance();
 }
 
+// MARK: retry
+
+bool Pipeline::canRetry() const {
+    return m_heldAudio && !m_isStarting &&
+           (m_state.kind == PipelineState::Kind::idle || m_state.kind == PipelineState::Kind::error);
+}
+
+void Pipeline::holdForRetry(const Recording &recording) {
+    // A retry that fails again keeps what it retried.
+    if (recording.replay)
+        return;
+    auto held = std::make_shared<HeldAudio>();
+    {
+        std::lock_guard lock(recording.heard->lock);
+        held->samples = std::move(recording.heard->samples);
+        held->sampleRate = recording.heard->sampleRate;
+    }
+    if (held->samples.empty() || held->sampleRate <= 0)
+        return;
+    held->utteranceID = m_utteranceID;
+    held->peak = recording.peak->load();
+    m_heldAudio = std::move(held);
+    // Kept recordings are kept whatever became of them, so this one survives a quit too.
+    if (m_config.retainAudio)
+        retainCurrentAudio();
+    Log::info(QStringLiteral("The dictation is held; choose Retry last dictation from the menu to transcribe it "
+                             "again."));
+}
+
+void Pipeline::releaseHeard(const Recording &recording) {
+    std::lock_guard lock(recording.heard->lock);
+    recording.heard->samples = {};
+}
+
+QCoro::Task<void> Pipeline::replay(std::shared_ptr<AsrEngine> asr, std::shared_ptr<const HeldAudio> held,
+                                   QStringList hints) {
+    co_await asr->beginUtterance(hints);
+    // The engine may have changed since, and with it the rate it takes.
+    const double rate = asr->requiredSampleRate();
+    feedInChunks(*asr, LinearAudioResampler::resample(held->samples, held->sampleRate, rate), rate);
+}
+
+void Pipeline::retryLastDictation() {
+    if (!canRetry()) {
+        Log::info(QStringLiteral("There is no dictation to retry."));
+        return;
+    }
+    const std::shared_ptr<const HeldAudio> held = m_heldAudio;
+    stopRecordingLimit();
+    m_activeMode = PipelineMode::dictation;
+    // The same utterance: its kept recording and its history entry share the name.
+    m_utteranceID = held->utteranceID;
+    m_recordingStart.reset();
+    m_releaseTime = m_scheduler.nowMs();
+    m_pendingFinish = false;
+    m_limitFinishedMode.reset();
+    clearPending();
+
+    QStringList hints;
+    // The text goes where the user is now, styled for it.
+    gatherContext(PipelineMode::dictation, hints);
+    m_recording = Recording{m_asr, m_platform.capture};
+    m_recording.peak->store(held->peak);
+    m_recording.replay = held;
+    m_recording.replayHints = hints;
+    Log::info(QStringLiteral("Retrying the last dictation."));
+    setState(PipelineState::thinking());
+    Timings timings;
+    timings.recordingMS = static_cast<qint64>(double(held->samples.size()) * 1000.0 / held->sampleRate);
+    detach(runGuarded(newRun(), timings), logTaskFailure);
+}
+
 // MARK: runs
 
 QCoro::Task<void> Pipeline::runGuarded(RunTicket ticket, Timings timings) {
@@ -545,6 +636,8 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runInference(RunTicket ticket, Timings t
     QString raw;
     std::exception_ptr failure;
     try {
+        if (recording.replay)
+            co_await replay(asr, recording.replay, recording.replayHints);
         raw = co_await asr->finishUtterance();
     } catch (...) {
         failure = std::current_exception();
@@ -555,11 +648,19 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runInference(RunTicket ticket, Timings t
     if (failure) {
         const QString description = describeError(failure);
         Log::error(QStringLiteral("Transcription failed: ") + description);
+        // Before the state changes, so that whoever draws the error can offer the retry.
+        if (m_activeMode == PipelineMode::dictation)
+            holdForRetry(recording);
+        releaseHeard(recording);
         // The icon shows the error by the time its notice appears.
         setState(PipelineState::error(description));
         notify(QStringLiteral("Transcription failed"), description);
         co_return RunOutcome(PipelineState::error(description));
     }
+    if (recording.replay && m_heldAudio == recording.replay)
+        m_heldAudio.reset();
+    // Only a failure needs the audio again.
+    releaseHeard(recording);
     raw = Text::trimmed(raw);
     if (raw.isEmpty()) {
         Log::info(QStringLiteral("Nothing was said."));
@@ -594,7 +695,16 @@ void Pipeline::requireOriginalDestination() const {
 
 std::optional<QString> Pipeline::retainCurrentAudio() {
     const QString path = m_store->audioURL(m_utteranceID);
-    m_recording.capture->writeRetainedAudio(path);
+    if (!m_recording.replay) {
+        m_recording.capture->writeRetainedAudio(path);
+    } else if (!QFileInfo::exists(path)) {
+        // Kept when it failed only if recordings were kept then; the capture has moved on since.
+        QSaveFile file(path);
+        if (file.open(QIODevice::WriteOnly)) {
+            file.write(WavEncoder::encode(m_recording.replay->samples, m_recording.replay->sampleRate));
+            file.commit();
+        }
+    }
     if (!QFileInfo::exists(path))
         return std::nullopt;
     m_store->didWriteAudio(path);

@@ -21,7 +21,9 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <vector>
 
 // Runs one utterance at a time from key-down to delivered text, in each of the three modes. Lives
 // on the main thread; every callback from elsewhere hops there before it touches any member.
@@ -73,6 +75,11 @@ public:
     void bindHotkey(GlobalHotkey &hotkey, PipelineMode mode);
     // Abandons whatever is under way and returns to idle.
     void cancel();
+    // Whether a dictation whose transcription failed is held, and nothing is under way to stop a retry.
+    bool canRetry() const;
+    // Transcribes the held dictation again with the engine as it is now and delivers it as any
+    // dictation, into the application in front now. Does nothing when there is nothing to retry.
+    void retryLastDictation();
     // Whether prompts can be handed to `agent` here: the handoff service exists and the agent is
     // installed in a trusted folder.
     bool isAgentAvailable(AgentKind agent) const;
@@ -98,6 +105,19 @@ private:
         std::optional<RepositoryContext> context;
         std::optional<QString> error;
     };
+    // The audio a recording gave its engine, gathered from the capture's threads.
+    struct HeardAudio {
+        std::mutex lock;
+        std::vector<float> samples;
+        double sampleRate = 0;
+    };
+    // The last dictation whose transcription failed: only one, in memory, until a retry succeeds.
+    struct HeldAudio {
+        QString utteranceID;
+        std::vector<float> samples;
+        double sampleRate = 0;
+        float peak = 0;
+    };
     // What one recording was made with. A reload meanwhile builds new services for the next
     // recording; this one is stopped, read and finished where its audio went.
     struct Recording {
@@ -105,6 +125,10 @@ private:
         std::shared_ptr<AudioCapturing> capture;
         // Loudest sample delivered so far, written from the capture's thread.
         std::shared_ptr<std::atomic<float>> peak = std::make_shared<std::atomic<float>>(0.0f);
+        std::shared_ptr<HeardAudio> heard = std::make_shared<HeardAudio>();
+        // Set when the run transcribes held audio again rather than a live recording.
+        std::shared_ptr<const HeldAudio> replay = {};
+        QStringList replayHints = {};
     };
     // Whether work started under `run` must stop: the pipeline is gone or has moved on.
     struct RunTicket {
@@ -123,6 +147,8 @@ private:
     void gatherContext(PipelineMode mode, QStringList &hints);
     void startRepositoryLookup();
     void refreshRepositoryContextInBackground();
+    void holdForRetry(const Recording &recording);
+    static void releaseHeard(const Recording &recording);
     void startRecordingLimit();
     void stopRecordingLimit();
     void onRecordingLimit(qint64 limit, const QString &label, PipelineMode mode);
@@ -145,6 +171,8 @@ private:
     void keepOnClipboard(const QString &text) const;
     // Throws destinationChanged when the application in front is not the one of key-down.
     void requireOriginalDestination() const;
+    static QCoro::Task<void> replay(std::shared_ptr<AsrEngine> asr, std::shared_ptr<const HeldAudio> held,
+                                    QStringList hints);
     // Keeps the recording when asked; returns its file name.
     std::optional<QString> retainCurrentAudio();
     Utterance makeUtterance(const QString &raw, const QString &formatted, const QString &shipped,
@@ -177,6 +205,7 @@ private:
     std::optional<QString> m_selectionFailure;
     // The mode whose recording the limit ended; its key is still down until the user lets go.
     std::optional<PipelineMode> m_limitFinishedMode;
+    std::shared_ptr<const HeldAudio> m_heldAudio;
     // Bumped by every start and cancel, so work of an earlier recording or run sees it is stale.
     quint64 m_run = 0;
 };

@@ -10,6 +10,7 @@ PlatformKit PlatformKit::fallbacks() {
     kit.injector = std::make_shared<UnsupportedTextInjector>();
     kit.frontmostApp = std::make_shared<UnknownFrontmostApp>();
     kit.notifier = std::make_shared<ConsoleNotifier>();
+    kit.cues = std::make_shared<SilentCuePlayer>();
     kit.keyDisplayName = [](PushToTalkKey key) { return displayName(key); };
     return kit;
 }

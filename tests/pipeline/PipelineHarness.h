@@ -5,6 +5,7 @@
 #include "FakeHotkey.h"
 #include "FakeOllamaServer.h"
 #include "FakeWhisperServer.h"
+#include "RecordingCuePlayer.h"
 #include "core/Async.h"
 #include "core/Log.h"
 #include "core/Scheduler.h"
@@ -49,6 +50,7 @@ public:
         kit.selectionEditor = selection;
         kit.frontmostApp = frontmost;
         kit.notifier = notifier;
+        kit.cues = cues;
         kit.agentHandoff = agent;
         kit.repositoryContext = repositoryProvider;
         kit.makeCapture = [this](const Config &settings) -> std::shared_ptr<AudioCapturing> {
@@ -146,6 +148,7 @@ public:
     std::shared_ptr<FakeSelectionEditor> selection = std::make_shared<FakeSelectionEditor>();
     std::shared_ptr<FakeFrontmostApp> frontmost = std::make_shared<FakeFrontmostApp>();
     std::shared_ptr<RecordingNotifier> notifier = std::make_shared<RecordingNotifier>();
+    std::shared_ptr<RecordingCuePlayer> cues = std::make_shared<RecordingCuePlayer>();
     std::shared_ptr<FakeAgentLauncher> agent = std::make_shared<FakeAgentLauncher>();
     std::shared_ptr<RepositoryContextProviding> repositoryProvider;
     FakeHotkey dictationKey{PushToTalkKey::rightOption};

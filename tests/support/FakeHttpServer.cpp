@@ -147,7 +147,7 @@ FakeHttpServer::FakeHttpServer(QObject *parent) : QObject(parent), m_server(new 
 FakeHttpServer::~FakeHttpServer() = default;
 
 quint16 FakeHttpServer::port() const {
-    return m_server->serverPort();
+    return m_server->isListening() ? m_server->serverPort() : m_port;
 }
 
 QUrl FakeHttpServer::url() const {
@@ -166,6 +166,17 @@ QList<FakeHttpServer::Request> FakeHttpServer::requestsTo(const QByteArray &meth
 QByteArray FakeHttpServer::pathOf(const Request &request) {
     const qsizetype query = request.path.indexOf('?');
     return query < 0 ? request.path : request.path.left(query);
+}
+
+void FakeHttpServer::setListening(bool listening) {
+    if (listening == m_server->isListening())
+        return;
+    if (!listening) {
+        m_port = m_server->serverPort();
+        m_server->close();
+    } else if (!m_server->listen(QHostAddress::LocalHost, m_port)) {
+        qFatal("FakeHttpServer: cannot listen on 127.0.0.1:%u again: %s", m_port, qPrintable(m_server->errorString()));
+    }
 }
 
 quint16 FakeHttpServer::closedPort() {

@@ -73,6 +73,10 @@ public:
     // The recorded requests with this method and path (query ignored).
     QList<Request> requestsTo(const QByteArray &method, const QByteArray &path) const;
 
+    // Stops accepting connections (they are refused, as when the server is down) or starts again
+    // on the same port.
+    void setListening(bool listening);
+
     // A loopback port with nothing listening on it (connections are refused).
     static quint16 closedPort();
 
@@ -89,5 +93,7 @@ private:
     void send(Connection *connection, const Response &response);
 
     QTcpServer *m_server;
+    // The port to listen on again after setListening(false).
+    quint16 m_port = 0;
     QList<Request> m_requests;
 };

@@ -12,6 +12,7 @@
 #include "platform/linux/PocketSphinxEngine.h"
 #include "platform/linux/ProcProcessTreeSource.h"
 #include "platform/linux/PulseAudioBackend.h"
+#include "platform/linux/PulseCuePlayer.h"
 #include "platform/linux/X11FocusedDocumentSource.h"
 #include "platform/linux/X11FrontmostApp.h"
 #include "platform/linux/X11HotkeyBackend.h"
@@ -54,6 +55,7 @@ PlatformKit makePlatformKit(const Config &config) {
         kit.injector = injector;
         kit.selectionEditor = injector;
         kit.agentHandoff = LinuxAgentHandoffLauncher::create(injector, kit.frontmostApp);
+        kit.cues = std::make_shared<PulseCuePlayer>();
     }
     kit.capture = kit.makeCapture(config);
     // Speech with nothing to set up: a missing model or another language is reported when it prepares.

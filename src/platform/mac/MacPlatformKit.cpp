@@ -6,6 +6,7 @@
 #include "platform/PushToTalkHotkey.h"
 #include "platform/WarmMicrophone.h"
 #include "platform/mac/MacAudioCapture.h"
+#include "platform/mac/MacCuePlayer.h"
 #include "platform/mac/MacFocusedDocumentSource.h"
 #include "platform/mac/MacFrontmostApp.h"
 #include "platform/mac/MacHotkey.h"
@@ -32,6 +33,7 @@ PlatformKit makePlatformKit(const Config &config) {
     kit.frontmostApp = std::make_shared<MacFrontmostApp>();
     // The shell installs `present`.
     kit.notifier = std::make_shared<PresentingNotifier>();
+    kit.cues = std::make_shared<MacCuePlayer>();
     kit.nativeFormatter = []() -> std::unique_ptr<TextFormatter> {
         return std::make_unique<FoundationModelFormatter>(std::make_shared<MacOnDeviceModel>());
     };

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "platform/CuePlayer.h"
+
+#include <memory>
+
+// Plays the cues with NSSound from WAV data made in memory; NSSound plays asynchronously.
+class MacCuePlayer final : public CuePlayer {
+public:
+    MacCuePlayer();
+    ~MacCuePlayer() override;
+
+    // On the main thread.
+    void play(Cue cue) override;
+
+private:
+    struct Sounds;
+    std::unique_ptr<Sounds> m_sounds;
+};
