@@ -19,17 +19,31 @@
 
 namespace {
 
-// An engine that is always ready; the harness counts how often one is built.
+// An engine that is always ready and hears nothing; it fails as many transcriptions as it is told
+// to. The harness counts how often one is built.
 class IdleAsr final : public AsrEngine {
 public:
+    explicit IdleAsr(int *failures = nullptr, int *finishes = nullptr) : m_failures(failures), m_finishes(finishes) {}
     QString name() const override { return QStringLiteral("idle"); }
     bool isStreaming() const override { return false; }
     double requiredSampleRate() const override { return 16000; }
     QCoro::Task<void> prepare() override { co_return; }
     QCoro::Task<void> beginUtterance(QStringList) override { co_return; }
     void append(const AudioChunk &) override {}
-    QCoro::Task<QString> finishUtterance() override { co_return QString(); }
+    QCoro::Task<QString> finishUtterance() override {
+        if (m_finishes)
+            ++*m_finishes;
+        if (m_failures && *m_failures > 0) {
+            --*m_failures;
+            throw QuorvaneError(QuorvaneError::Case::speechModelUnavailable, QStringLiteral("the engine stopped"));
+        }
+        co_return QString();
+    }
     QCoro::Task<void> cancelUtterance() override { co_return; }
+
+private:
+    int *m_failures;
+    int *m_finishes;
 };
 
 QString closedLoopbackUrl() {
@@ -57,19 +71,26 @@ struct Shell {
         kit.capture = capture;
         kit.nativeAsrEngine = [this](const QString &) {
             ++builds;
-            return std::make_unique<IdleAsr>();
+            return std::make_unique<IdleAsr>(&asrFailures, &transcriptions);
         };
         kit.nativeFormatter = [this] {
             ++builds;
             return std::make_unique<PassthroughFormatter>();
         };
-        pipeline = std::make_unique<Pipeline>(initial, kit, Scheduler::system(), std::make_unique<Store>(data.path()),
+        pipeline = std::make_unique<Pipeline>(initial, kit, scheduler, std::make_unique<Store>(data.path()),
                                               std::make_unique<Learner>(data.filePath("learned.json")));
         applier = std::make_unique<SettingsApplier>(
             *pipeline, [this](PipelineMode mode) { return &hotkeys[static_cast<int>(mode)]; },
             [this](bool enabled) { loginItem.append(enabled); });
         TrayMenu::Hooks hooks;
         hooks.isAgentAvailable = [this](AgentKind agent) { return installed.contains(agent); };
+        hooks.status = [this] {
+            TrayMenu::Status status;
+            status.state = pipeline->state();
+            status.canRetry = pipeline->canRetry();
+            return status;
+        };
+        hooks.retryLastDictation = [this] { pipeline->retryLastDictation(); };
         hooks.chooseFolder = [this] { return folder; };
         hooks.askOllamaModel = [](const QString &) { return std::optional<QString>(QStringLiteral(" llama3.2:1b ")); };
         hooks.confirm = [this](const QString &, const QString &) { return confirmed; };
@@ -107,7 +128,27 @@ struct Shell {
         return true;
     }
 
+    // A dictation that has ended, in idle or error.
+    bool dictate() {
+        pipeline->begin(PipelineMode::dictation);
+        if (!QTest::qWaitFor([this] { return pipeline->state().kind == PipelineState::Kind::recording; }))
+            return false;
+        capture->deliver(std::vector<float>(4000, 0.2f));
+        scheduler.advance(1000);
+        pipeline->finish(PipelineMode::dictation);
+        return settle();
+    }
+    bool settle() {
+        return QTest::qWaitFor([this] {
+            const auto kind = pipeline->state().kind;
+            return kind == PipelineState::Kind::idle || kind == PipelineState::Kind::error;
+        });
+    }
+
     QTemporaryDir data;
+    ManualScheduler scheduler;
+    int asrFailures = 0;
+    int transcriptions = 0;
     std::shared_ptr<FakeAudioCapture> capture = std::make_shared<FakeAudioCapture>();
     FakeHotkey hotkeys[3] = {FakeHotkey(PushToTalkKey::rightOption), FakeHotkey(PushToTalkKey::rightCommand),
                              FakeHotkey(PushToTalkKey::fn)};
@@ -309,6 +350,32 @@ private Q_SLOTS:
         shell.confirmed = confirmed;
         QVERIFY(shell.trigger({entry}));
         QCOMPARE(shell.done, done);
+    }
+
+    // The retry is offered only while a failed dictation is held, and stays offered until one works.
+    void retryLastDictation_data() {
+        QTest::addColumn<int>("failures");
+        QTest::addColumn<bool>("offeredAfterRetry");
+        QTest::newRow("the engine works again") << 1 << false;
+        QTest::newRow("the engine still fails") << 2 << true;
+    }
+    void retryLastDictation() {
+        QFETCH(int, failures);
+        Shell shell;
+        const QStringList entry{"Retry last dictation"};
+        QVERIFY(shell.find(entry));
+        QVERIFY(!shell.trigger(entry));
+        QVERIFY(shell.dictate());
+        QVERIFY(!shell.find(entry)->isEnabled());
+
+        shell.asrFailures = failures;
+        QVERIFY(shell.dictate());
+        shell.menu->refresh();
+        QVERIFY(shell.trigger(entry));
+        QVERIFY(shell.settle());
+        QCOMPARE(shell.transcriptions, 3);
+        shell.menu->refresh();
+        QTEST(shell.find(entry)->isEnabled(), "offeredAfterRetry");
     }
 
     void figures_data() {
