@@ -77,9 +77,9 @@ struct PulseCuePlayer::Connection {
 
     // Plays the samples to the end on the default output. Runs with the loop unlocked.
     bool play(const std::vector<float> &samples, QString &error) {
-        const pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, static_cast<uint32_t>(CueSound::sampleRate), 1};
+        const pa_sample_spec format{PA_SAMPLE_FLOAT32LE, static_cast<uint32_t>(CueSound::sampleRate), 1};
         pa_threaded_mainloop_lock(loop);
-        pa_stream *stream = pa_stream_new(context, "Quorvane cue", &spec, nullptr);
+        pa_stream *stream = pa_stream_new(context, "Quorvane cue", &format, nullptr);
         if (!stream) {
             error = lastError();
             pa_threaded_mainloop_unlock(loop);
