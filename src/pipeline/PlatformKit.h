@@ -4,6 +4,7 @@
 #include "formatting/TextFormatter.h"
 #include "pipeline/EngineChoice.h"
 #include "platform/AudioCapturing.h"
+#include "platform/DesktopPermissions.h"
 #include "platform/GlobalHotkey.h"
 #include "platform/TextInjection.h"
 #include "repository/AgentHandoffLaunching.h"
@@ -32,6 +33,8 @@ struct PlatformKit {
     // Null where prompts cannot be handed to a coding agent.
     std::shared_ptr<AgentHandoffLaunching> agentHandoff;
     std::shared_ptr<UserNotifier> notifier;
+    // Null where the desktop has no per-application permissions.
+    std::shared_ptr<DesktopPermissions> permissions;
     // The operating system's recogniser and language model; empty, or yielding null, where there
     // is none.
     NativeAsrFactory nativeAsrEngine;

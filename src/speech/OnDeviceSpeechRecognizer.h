@@ -39,7 +39,7 @@ public:
     virtual ~OnDeviceSpeechRecognizer() = default;
 
     virtual Technology technology() const = 0;
-    // Whether the user lets this application use speech recognition; only the older recogniser asks.
+    // Whether the user lets this application use speech recognition.
     virtual Permission permission() const = 0;
     virtual void requestPermission(std::function<void(bool granted)> done) = 0;
     virtual void localeSupport(const QString &locale, std::function<void(LocaleSupport)> done) = 0;
