@@ -214,7 +214,9 @@ QCoro::Task<QString> SystemSpeechEngine::finishUtterance() {
     }
     switch (ending->kind) {
     case Recognizer::Ending::Kind::failed:
-        throw QuorvaneError::speechModelUnavailable(ending->error);
+        throw QuorvaneError::speechModelUnavailable(
+            ending->error.isEmpty() ? QStringLiteral("the on-device recognizer failed without a reason")
+                                    : ending->error);
     case Recognizer::Ending::Kind::noSpeech:
         co_return QString();
     case Recognizer::Ending::Kind::finished:

@@ -151,6 +151,10 @@ private Q_SLOTS:
             << QStringList{QStringLiteral("Half")}
             << std::optional(Ending{Ending::Kind::failed, QStringLiteral("the audio engine stopped")})
             << "speechModelUnavailable: The speech model is unavailable: the audio engine stopped";
+        QTest::newRow("recogniser fails without a reason")
+            << QStringList{} << std::optional(Ending{Ending::Kind::failed, {}})
+            << "speechModelUnavailable: The speech model is unavailable: the on-device recognizer failed without a "
+               "reason";
         QTest::newRow("recogniser never answers")
             << QStringList{QStringLiteral("Half")} << std::optional<Ending>()
             << "speechModelUnavailable: The speech model is unavailable: the on-device recognizer did not finish "

@@ -9,6 +9,7 @@
 namespace {
 
 using StatusHandler = std::function<void(int32_t status, QString text)>;
+using Ending = OnDeviceSpeechRecognizer::Ending;
 
 // Each call's handler travels as the callback's context and is freed by its one call.
 void deliverStatus(void *context, int32_t status, const char *text) {
