@@ -12,6 +12,7 @@
 #include "core/LaunchAtLogin.h"
 #include "core/Log.h"
 #include "core/Paths.h"
+#include "core/QuorvaneError.h"
 #include "core/Terminal.h"
 #include "pipeline/Pipeline.h"
 #include "platform/PlatformKitFactory.h"
@@ -94,9 +95,13 @@ void AppShell::startPipeline() {
         Log::warn(QStringLiteral("The push-to-talk keys could not be armed on this desktop."));
         Terminal::tell(QStringLiteral("The push-to-talk keys could not be armed on this desktop, so holding them "
                                       "does not record."));
+        // Where the desktop says why, the user reads that reason rather than a guess.
+        const std::shared_ptr<DesktopPermissions> permissions = m_pipeline->platform().permissions;
+        const QString reason = permissions && !permissions->accessibilityTrusted()
+                                   ? QuorvaneError(QuorvaneError::Case::accessibilityDenied).message()
+                                   : QStringLiteral("Quorvane cannot watch its keys on this desktop.");
         m_pipeline->platform().notifier->notify(QStringLiteral("Push-to-talk keys are not armed"),
-                                                QStringLiteral("Quorvane cannot watch its keys on this desktop. ") +
-                                                    hotkeyFixStep());
+                                                reason + QLatin1Char(' ') + hotkeyFixStep());
     }
 
     m_settings = std::make_unique<SettingsApplier>(
@@ -153,6 +158,10 @@ void AppShell::recheck() {
     facts.trayHost = QSystemTrayIcon::isSystemTrayAvailable();
     facts.assistiveTechnology = SetupChecks::assistiveTechnologyEnabled();
     facts.hotkeysArmed = m_hotkeysArmed;
+    if (const std::shared_ptr<DesktopPermissions> permissions = m_pipeline->platform().permissions) {
+        facts.microphonePermission = permissions->microphone();
+        facts.accessibilityTrusted = permissions->accessibilityTrusted();
+    }
     facts.asr = m_config.asr;
     // Asked afresh each time: a reload may have replaced the capture.
     m_checks->listen([this] { return m_pipeline->platform().capture->currentLevel(); },
@@ -186,13 +195,24 @@ QCoro::Task<void> AppShell::lookForWhisperServer() {
 
 void AppShell::onSetupAction(int action) {
     switch (static_cast<SetupChecks::Action>(action)) {
+    case SetupChecks::Action::requestMicrophone:
+        if (const std::shared_ptr<DesktopPermissions> permissions = m_pipeline->platform().permissions)
+            permissions->requestMicrophone([this](bool) {
+                // The answer comes on a thread of the system; the microphone warms up only once allowed.
+                runOn(this, [this] {
+                    m_pipeline->platform().capture->warmUp(m_pipeline->asr().requiredSampleRate());
+                    if (m_checks)
+                        recheck();
+                });
+            });
+        break;
     case SetupChecks::Action::openMicrophoneSettings:
-        QDesktopServices::openUrl(
-            QUrl(QStringLiteral("x-apple.systempreferences:com.apple.preference.security?Privacy_Microphone")));
+        if (const std::shared_ptr<DesktopPermissions> permissions = m_pipeline->platform().permissions)
+            permissions->openMicrophoneSettings();
         break;
     case SetupChecks::Action::openAccessibilitySettings:
-        QDesktopServices::openUrl(
-            QUrl(QStringLiteral("x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility")));
+        if (const std::shared_ptr<DesktopPermissions> permissions = m_pipeline->platform().permissions)
+            permissions->openAccessibilitySettings();
         break;
     case SetupChecks::Action::useWhisperServer: {
         Config updated = m_config;

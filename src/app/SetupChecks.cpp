@@ -1,6 +1,7 @@
 #include "app/SetupChecks.h"
 
 #include "core/LoopbackHttp.h"
+#include "core/QuorvaneError.h"
 
 #include <QtGlobal>
 #ifdef Q_OS_LINUX
@@ -34,21 +35,37 @@ Check session(const SetupChecks::Facts &facts) {
                                         "session."));
 }
 
+Check withAction(Check check, SetupChecks::Action action, const QString &text) {
+    check.action = action;
+    check.actionText = text;
+    return check;
+}
+
 Check microphone(SetupChecks::Desktop desktop, const SetupChecks::Facts &facts) {
     const bool mac = desktop == SetupChecks::Desktop::macOS;
     const QString title = mac ? QStringLiteral("Microphone permission") : QStringLiteral("Microphone");
+    // Nothing can be heard without the permission, so it is asked for before anything is listened to.
+    if (facts.microphonePermission == DesktopPermissions::State::denied)
+        return withAction(failed(title, QuorvaneError(QuorvaneError::Case::microphoneDenied).message()),
+                          SetupChecks::Action::openMicrophoneSettings, QStringLiteral("Open Microphone Settings"));
+    if (facts.microphonePermission == DesktopPermissions::State::undetermined)
+        return withAction(failed(title, QStringLiteral("Quorvane has not been allowed to use the microphone yet. "
+                                                       "Press Allow and answer the system's question.")),
+                          SetupChecks::Action::requestMicrophone, QStringLiteral("Allow"));
     if (facts.peakLevel >= SetupChecks::signalLevel || facts.verdict == AudioCaptureStatus::usable)
         return passed(title, QStringLiteral("The microphone delivers sound."));
     if (!facts.listenedLongEnough)
         return {
             title, Status::checking, QStringLiteral("Listening\u2026 say a few words."), SetupChecks::Action::none, {}};
-    if (mac) {
-        Check check = failed(title, QStringLiteral("Nothing was heard. Allow Quorvane under System Settings \u203A "
-                                                   "Privacy & Security \u203A Microphone, then press Check again."));
-        check.action = SetupChecks::Action::openMicrophoneSettings;
-        check.actionText = QStringLiteral("Open Microphone Settings");
-        return check;
-    }
+    if (mac && facts.microphonePermission == DesktopPermissions::State::granted)
+        return failed(title, QStringLiteral("Quorvane may use the microphone, but nothing was heard. Choose your "
+                                            "microphone under System Settings \u203A Sound \u203A Input, then press "
+                                            "Check again."));
+    if (mac)
+        return withAction(
+            failed(title, QStringLiteral("Nothing was heard. Allow Quorvane under System Settings \u203A "
+                                         "Privacy & Security \u203A Microphone, then press Check again.")),
+            SetupChecks::Action::openMicrophoneSettings, QStringLiteral("Open Microphone Settings"));
     return failed(title, QStringLiteral("Nothing was heard. Choose your microphone as the input and unmute it in the "
                                         "sound settings (pavucontrol), then press Check again."));
 }
@@ -65,13 +82,17 @@ Check trayHost(const SetupChecks::Facts &facts) {
 Check assistiveTechnology(SetupChecks::Desktop desktop, const SetupChecks::Facts &facts) {
     if (desktop == SetupChecks::Desktop::macOS) {
         const QString title = QStringLiteral("Accessibility permission");
-        if (facts.hotkeysArmed)
+        if (facts.accessibilityTrusted == true && !facts.hotkeysArmed)
+            return failed(title, QStringLiteral("Quorvane is allowed now, but its keys were set up before that. "
+                                                "Restart it from the menu."));
+        if (facts.accessibilityTrusted != false && facts.hotkeysArmed)
             return passed(title, QStringLiteral("Quorvane can watch its keys and paste."));
-        Check check = failed(title, QStringLiteral("Allow Quorvane under System Settings \u203A Privacy & Security "
-                                                   "\u203A Accessibility, then restart it from the menu."));
-        check.action = SetupChecks::Action::openAccessibilitySettings;
-        check.actionText = QStringLiteral("Open Accessibility Settings");
-        return check;
+        QString step = QStringLiteral("Allow Quorvane under System Settings \u203A Privacy & Security \u203A "
+                                      "Accessibility, then restart it from the menu.");
+        if (facts.accessibilityTrusted == false)
+            step = QuorvaneError(QuorvaneError::Case::accessibilityDenied).message() + QLatin1Char(' ') + step;
+        return withAction(failed(title, step), SetupChecks::Action::openAccessibilitySettings,
+                          QStringLiteral("Open Accessibility Settings"));
     }
     const QString title = QStringLiteral("Assistive technology");
     if (facts.assistiveTechnology == true)

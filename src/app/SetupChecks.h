@@ -3,6 +3,7 @@
 #include "core/Config.h"
 #include "core/Scheduler.h"
 #include "platform/AudioCapturing.h"
+#include "platform/DesktopPermissions.h"
 
 #include <QCoro/QCoroTask>
 #include <QList>
@@ -19,7 +20,7 @@ public:
     enum class Desktop { x11, macOS };
     enum class Status { checking, passed, failed };
     // What the button beside a check does.
-    enum class Action { none, openMicrophoneSettings, openAccessibilitySettings, useWhisperServer };
+    enum class Action { none, requestMicrophone, openMicrophoneSettings, openAccessibilitySettings, useWhisperServer };
 
     struct Check {
         QString title;
@@ -39,6 +40,9 @@ public:
         // Unknown when the accessibility bus did not answer.
         std::optional<bool> assistiveTechnology;
         bool hotkeysArmed = true;
+        // What the desktop's privacy settings say; unknown where it has none.
+        std::optional<DesktopPermissions::State> microphonePermission;
+        std::optional<bool> accessibilityTrusted;
         Engine engine = Engine::preparing;
         QString engineProblem;
         AsrKind asr = AsrKind::appleSpeech;

@@ -5,6 +5,7 @@
 #include "pipeline/EngineChoice.h"
 #include "platform/AudioCapturing.h"
 #include "platform/CuePlayer.h"
+#include "platform/DesktopPermissions.h"
 #include "platform/GlobalHotkey.h"
 #include "platform/TextInjection.h"
 #include "repository/AgentHandoffLaunching.h"
@@ -35,6 +36,8 @@ struct PlatformKit {
     std::shared_ptr<UserNotifier> notifier;
     // The sounds at the start and end of a recording.
     std::shared_ptr<CuePlayer> cues;
+    // Null where the desktop has no per-application permissions.
+    std::shared_ptr<DesktopPermissions> permissions;
     // The operating system's recogniser and language model; empty, or yielding null, where there
     // is none.
     NativeAsrFactory nativeAsrEngine;

@@ -103,6 +103,35 @@ private Q_SLOTS:
         QTest::newRow("mac: microphone silent")
             << true << workingBut([](Facts &f) { f.peakLevel = 0; }) << "Microphone permission" << Status::failed
             << Action::openMicrophoneSettings << "Microphone";
+        QTest::newRow("mac: accessibility not granted") << true << workingBut([](Facts &f) {
+            f.accessibilityTrusted = false;
+            f.hotkeysArmed = false;
+        }) << "Accessibility permission" << Status::failed
+                                                        << Action::openAccessibilitySettings
+                                                        << "Accessibility access is required to watch the hotkey";
+        QTest::newRow("mac: accessibility withdrawn while the keys are armed")
+            << true << workingBut([](Facts &f) { f.accessibilityTrusted = false; }) << "Accessibility permission"
+            << Status::failed << Action::openAccessibilitySettings << "Accessibility access is required";
+        QTest::newRow("mac: allowed after the keys were set up") << true << workingBut([](Facts &f) {
+            f.accessibilityTrusted = true;
+            f.hotkeysArmed = false;
+        }) << "Accessibility permission" << Status::failed << Action::none
+                                                                 << "Restart it from the menu";
+        QTest::newRow("mac: microphone refused, even though something was heard")
+            << true << workingBut([](Facts &f) { f.microphonePermission = DesktopPermissions::State::denied; })
+            << "Microphone permission" << Status::failed << Action::openMicrophoneSettings
+            << "Microphone access was denied.";
+        QTest::newRow("mac: microphone never asked")
+            << true << workingBut([](Facts &f) { f.microphonePermission = DesktopPermissions::State::undetermined; })
+            << "Microphone permission" << Status::failed << Action::requestMicrophone << "Press Allow";
+        QTest::newRow("mac: microphone allowed but silent") << true << workingBut([](Facts &f) {
+            f.microphonePermission = DesktopPermissions::State::granted;
+            f.peakLevel = 0;
+        }) << "Microphone permission" << Status::failed << Action::none
+                                                            << "Sound";
+        QTest::newRow("mac: microphone allowed and heard")
+            << true << workingBut([](Facts &f) { f.microphonePermission = DesktopPermissions::State::granted; })
+            << "Microphone permission" << Status::passed << Action::none << "";
     }
     void eachCheckSaysWhatToDo() {
         QFETCH(bool, mac);

@@ -11,9 +11,12 @@
 #include "platform/mac/MacFrontmostApp.h"
 #include "platform/mac/MacHotkey.h"
 #include "platform/mac/MacOnDeviceModel.h"
+#include "platform/mac/MacPermissions.h"
 #include "platform/mac/MacProcessTreeSource.h"
+#include "platform/mac/MacSpeechRecognizer.h"
 #include "platform/mac/MacTextInjector.h"
 #include "repository/RepositoryContextProvider.h"
+#include "speech/SystemSpeechEngine.h"
 
 PlatformKit makePlatformKit(const Config &config) {
     PlatformKit kit = PlatformKit::fallbacks();
@@ -34,6 +37,12 @@ PlatformKit makePlatformKit(const Config &config) {
     // The shell installs `present`.
     kit.notifier = std::make_shared<PresentingNotifier>();
     kit.cues = std::make_shared<MacCuePlayer>();
+    kit.permissions = std::make_shared<MacPermissions>();
+    // The locale, permission and model are checked when the engine prepares, so a problem is reported
+    // the way every engine reports one.
+    kit.nativeAsrEngine = [](const QString &locale) -> std::unique_ptr<AsrEngine> {
+        return std::make_unique<SystemSpeechEngine>(std::make_shared<MacSpeechRecognizer>(), locale);
+    };
     kit.nativeFormatter = []() -> std::unique_ptr<TextFormatter> {
         return std::make_unique<FoundationModelFormatter>(std::make_shared<MacOnDeviceModel>());
     };
