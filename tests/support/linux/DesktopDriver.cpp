@@ -86,11 +86,15 @@ QByteArray TargetWindow::answer() {
     return m_process.readLine().trimmed();
 }
 
-DictationApp::DictationApp(const QUrl &whisperServer) {
-    const QJsonObject config{{"asr", "whisperServer"},
-                             {"whisperEndpoint", whisperServer.toString()},
-                             {"formatter", "none"},
-                             {"didCompleteOnboarding", true}};
+DictationApp::DictationApp(const QUrl &whisperServer, const std::optional<QUrl> &ollamaServer) {
+    QJsonObject config{{"asr", "whisperServer"}, {"whisperEndpoint", whisperServer.toString()},
+                       {"formatter", "none"},    {"retainHistory", true},
+                       {"retainAudio", true},    {"didCompleteOnboarding", true}};
+    if (ollamaServer) {
+        config.insert("formatter", "ollama");
+        config.insert("ollamaEndpoint", ollamaServer->toString());
+        config.insert("ollamaModel", "llama3.2:latest");
+    }
     QFile file(QDir(m_home.path()).filePath("config.json"));
     if (file.open(QIODevice::WriteOnly))
         file.write(QJsonDocument(config).toJson());
