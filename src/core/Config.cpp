@@ -356,6 +356,8 @@ void Config::save(const QString &path) const {
     QSaveFile file(path);
     if (!file.open(QIODevice::WriteOnly))
         return;
+    // Owner-only before the rename, so no moment exists where others may read the settings.
+    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
     file.write(bytes);
     if (!file.commit())
         return;

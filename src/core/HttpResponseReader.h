@@ -11,6 +11,9 @@ class HttpResponseReader {
 public:
     // A head larger than this is not from one of our servers.
     static constexpr qsizetype kMaxHeadBytes = 64 * 1024;
+    // Nor is a body larger than this (a transcript or a rewrite is a few kilobytes); reading stops
+    // there, so a runaway server cannot take the memory with it.
+    static constexpr qint64 kMaxBodyBytes = 8 * 1024 * 1024;
 
     void feed(const QByteArray &bytes) {
         m_started = m_started || !bytes.isEmpty();
@@ -31,11 +34,12 @@ public:
     bool started() const { return m_started; }
     bool done() const { return m_state == State::done; }
     bool malformed() const { return m_state == State::malformed; }
+    bool tooLarge() const { return m_state == State::tooLarge; }
     int status() const { return m_status; }
     QByteArray takeBody() { return std::move(m_body); }
 
 private:
-    enum class State { head, length, untilClose, chunkSize, chunkData, chunkEnd, trailers, done, malformed };
+    enum class State { head, length, untilClose, chunkSize, chunkData, chunkEnd, trailers, done, malformed, tooLarge };
 
     qsizetype available() const { return m_buffer.size() - m_pos; }
 
@@ -49,8 +53,18 @@ private:
         return line;
     }
 
+    // False, and the reader stops, once the body would pass its ceiling.
+    bool fits(qint64 more) {
+        if (m_body.size() + more <= kMaxBodyBytes)
+            return true;
+        m_state = State::tooLarge;
+        return false;
+    }
+
     void takeBodyBytes() {
         const qsizetype count = std::min<qint64>(m_remaining, available());
+        if (!fits(count))
+            return;
         m_body.append(m_buffer.constData() + m_pos, count);
         m_pos += count;
         m_remaining -= count;
@@ -73,10 +87,12 @@ private:
         }
         case State::length:
             takeBodyBytes();
-            if (m_remaining == 0)
+            if (m_remaining == 0 && m_state == State::length)
                 m_state = State::done;
             return false;
         case State::untilClose:
+            if (!fits(available()))
+                return false;
             m_body.append(m_buffer.constData() + m_pos, available());
             m_pos = m_buffer.size();
             return false;
@@ -96,7 +112,7 @@ private:
         }
         case State::chunkData:
             takeBodyBytes();
-            if (m_remaining > 0)
+            if (m_remaining > 0 || m_state != State::chunkData)
                 return false;
             m_state = State::chunkEnd;
             return true;
@@ -120,6 +136,7 @@ private:
         }
         case State::done:
         case State::malformed:
+        case State::tooLarge:
             return false;
         }
         return false;
@@ -159,6 +176,8 @@ private:
             m_state = State::done;
         } else if (chunked) {
             m_state = State::chunkSize;
+        } else if (length && *length > kMaxBodyBytes) {
+            m_state = State::tooLarge;
         } else if (length) {
             m_remaining = *length;
             m_state = m_remaining == 0 ? State::done : State::length;

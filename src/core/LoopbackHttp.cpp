@@ -88,6 +88,10 @@ QCoro::Task<Attempt> attempt(const Target &target, int timeoutMs) {
         reader.feed(socket->readAll());
         if (reader.malformed())
             co_return failure(QNetworkReply::ProtocolFailure, QStringLiteral("Invalid HTTP response"));
+        if (reader.tooLarge())
+            co_return failure(QNetworkReply::ProtocolFailure,
+                              QStringLiteral("the server's answer is larger than %1 MB")
+                                  .arg(HttpResponseReader::kMaxBodyBytes / (1024 * 1024)));
         if (reader.done() || (socket->state() != QAbstractSocket::ConnectedState && reader.finishAtClose())) {
             Attempt answered;
             answered.reply.emplace();

@@ -54,8 +54,9 @@ public:
     LoopbackHttp &operator=(const LoopbackHttp &) = delete;
 
     // Both throw TransportError when no complete HTTP answer arrives within `timeoutMs` of the
-    // start. Only a GET is sent again after a connection dropped unanswered. The request keeps what it needs alive on
-    // its own, so the caller may be destroyed while it is in flight.
+    // start, or when the answer's body passes HttpResponseReader::kMaxBodyBytes. Only a GET is sent again after a
+    // connection dropped unanswered. The request keeps what it needs alive on its own, so the caller may be destroyed
+    // while it is in flight.
     QCoro::Task<Reply> get(const QUrl &url, int timeoutMs);
     QCoro::Task<Reply> post(const QUrl &url, const QByteArray &contentType, const QByteArray &body, int timeoutMs);
 

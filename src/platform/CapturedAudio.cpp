@@ -3,7 +3,7 @@
 #include "core/Log.h"
 #include "speech/WavEncoder.h"
 
-#include <QFile>
+#include <QSaveFile>
 #include <algorithm>
 #include <cmath>
 
@@ -19,8 +19,13 @@ float meterLevel(const std::vector<float> &samples) {
 }
 
 void save(const QString &path, const std::vector<float> &samples, double sampleRate) {
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(WavEncoder::encode(samples, sampleRate)) < 0)
+    // Written aside and renamed into place: a crash leaves the whole recording or none, never a
+    // header promising samples that are not there.
+    QSaveFile file(path);
+    const bool saved = file.open(QIODevice::WriteOnly) &&
+                       file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner) &&
+                       file.write(WavEncoder::encode(samples, sampleRate)) >= 0 && file.commit();
+    if (!saved)
         Log::warn(QStringLiteral("Could not save the recording to ") + path);
 }
 

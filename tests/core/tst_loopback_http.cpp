@@ -1,5 +1,6 @@
 #include "FakeHttpServer.h"
 #include "core/Async.h"
+#include "core/HttpResponseReader.h"
 #include "core/LoopbackHttp.h"
 
 #include <QElapsedTimer>
@@ -221,6 +222,42 @@ private slots:
             // The limit is the whole exchange's: the upload does not start it again.
             QVERIFY2(clock.elapsed() >= limitMs - 10 && clock.elapsed() < limitMs * 8 / 5,
                      qPrintable(QString::number(clock.elapsed())));
+        }
+    }
+
+    // However the body is delimited, reading stops at the ceiling instead of holding what a runaway
+    // server sends.
+    void answersPastTheCeilingAreRefused_data() {
+        QTest::addColumn<QByteArray>("answer");
+        QTest::addColumn<bool>("accepted");
+        const qint64 ceiling = HttpResponseReader::kMaxBodyBytes;
+        const QByteArray half(ceiling / 2, 'x');
+        const QByteArray chunk = QByteArray::number(half.size(), 16) + "\r\n" + half + "\r\n";
+        QTest::newRow("announced, at the ceiling")
+            << "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(ceiling) + "\r\n\r\n" + half + half << true;
+        QTest::newRow("announced, gigabytes")
+            << QByteArray("HTTP/1.1 200 OK\r\nContent-Length: 5368709120\r\n\r\n{\"text\": \"") << false;
+        QTest::newRow("chunked, at the ceiling")
+            << "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + chunk + chunk + "0\r\n\r\n"
+            << true;
+        QTest::newRow("chunked, a byte past")
+            << "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + chunk + chunk + "1\r\nx\r\n0\r\n\r\n"
+            << false;
+        QTest::newRow("until close, a byte past") << "HTTP/1.0 200 OK\r\n\r\n" + half + half + "x" << false;
+    }
+    void answersPastTheCeilingAreRefused() {
+        QFETCH(QByteArray, answer);
+        QFETCH(bool, accepted);
+        // Left open: a refusal must come from counting, not from the end of the connection.
+        ScriptedServer server({Script::answer(answer)});
+        LoopbackHttp http;
+        try {
+            const LoopbackHttp::Reply reply = syncWait(http.get(server.url(), 5000));
+            QVERIFY(accepted);
+            QCOMPARE(reply.body.size(), HttpResponseReader::kMaxBodyBytes);
+        } catch (const LoopbackHttp::TransportError &error) {
+            QVERIFY2(!accepted, qPrintable(error.text()));
+            QCOMPARE(error.text(), QStringLiteral("the server's answer is larger than 8 MB"));
         }
     }
 

@@ -1,8 +1,10 @@
+#include "FakeOllamaServer.h"
 #include "FakeWhisperServer.h"
 #include "linux/DesktopDriver.h"
 #include "speech/WavDecoder.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QTest>
 #include <X11/Xlib.h>
 #include <X11/extensions/XRes.h>
@@ -13,6 +15,8 @@
 namespace {
 
 const QString spoken = QStringLiteral("Hello from the headless desktop.");
+const QString copiedBefore = QStringLiteral("copied before — ünïcode");
+const QString secret = QStringLiteral("hunter2-secret");
 constexpr int rightAlt = 108;
 
 void xdotool(const QStringList &arguments) {
@@ -99,12 +103,13 @@ private slots:
         if (qEnvironmentVariableIsEmpty("QUORVANE_DESKTOP"))
             QSKIP("needs the desktop of scripts/headless-desktop");
         m_whisper.setDefaultInference(FakeWhisperServer::transcript(" " + spoken + "\n"));
+        m_ollama.setDefaultGenerate(FakeOllamaServer::generation(spoken));
         m_clip = m_folder.filePath("clip.wav");
         QVERIFY(speak("hello from the headless desktop", m_clip));
         m_target = std::make_unique<TargetWindow>();
         QVERIFY(m_target->ready);
         QVERIFY(m_target->focus("line"));
-        m_app = std::make_unique<DictationApp>(m_whisper.url());
+        m_app = std::make_unique<DictationApp>(m_whisper.url(), m_ollama.url());
         QVERIFY(m_app->awaitReady());
     }
 
@@ -134,7 +139,7 @@ private slots:
     void pastesIntoTheFocusedWidgetAndRestoresTheClipboard() {
         QFETCH(QString, field);
         m_target->command("set edit ");
-        QCOMPARE(m_target->command("copy copied before — ünïcode"), "ok");
+        QCOMPARE(m_target->command("copy " + copiedBefore), "ok");
         const auto before = clipboardFormats();
         const QStringList formats = formatNames(before);
         QVERIFY2(formats.contains("image/png") && formats.contains("UTF8_STRING"), qPrintable(formats.join(' ')));
@@ -143,17 +148,20 @@ private slots:
         holdAndSpeak();
         QTRY_VERIFY_WITH_TIMEOUT(m_target->text(field).contains(spoken), 8000);
         QTRY_COMPARE_WITH_TIMEOUT(clipboardFormats(), before, 3000);
+        QVERIFY(!m_app->log().join('\n').contains(copiedBefore));
     }
 
     // A password field is neither written nor read, and the user is told why nothing was typed.
     void passwordFieldGetsNothing() {
+        m_target->command("set password " + secret);
         QVERIFY(m_target->focus("password"));
 
         holdAndSpeak();
         QVERIFY(m_app->awaitLine(
             "[ERROR] Injection failed: Quorvane never reads or edits password and secure-entry fields.", m_from));
         QVERIFY(m_app->awaitLine("[WARN] [Couldn't type that]", m_from));
-        QCOMPARE(m_target->text("password"), QString());
+        QCOMPARE(m_target->text("password"), secret);
+        QVERIFY(!m_app->log().join('\n').contains(secret));
     }
 
     // Ctrl+V would type a control character in xterm; only Shift+Insert pastes there.
@@ -232,6 +240,21 @@ private slots:
         QVERIFY2(match > 0.9, qPrintable(QString::number(match)));
     }
 
+    // Runs last, after the app has logged, kept history and recordings and rewritten its files.
+    void everythingWrittenIsOwnerOnly() {
+        QVERIFY(QFileInfo::exists(QDir(m_app->home()).filePath("history.jsonl")));
+        QVERIFY(!QDir(m_app->home() + "/audio").entryList({"*.wav"}, QDir::Files).isEmpty());
+        QDirIterator it(m_app->home(), QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
+                        QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QFileInfo entry(it.next());
+            const auto expected = entry.isDir()
+                                      ? QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
+                                      : QFileDevice::ReadOwner | QFileDevice::WriteOwner;
+            QVERIFY2((entry.permissions() & 0x7077) == expected, qPrintable(entry.filePath()));
+        }
+    }
+
 private:
     static QStringList formatNames(const QList<std::pair<QByteArray, QByteArray>> &formats) {
         QStringList names;
@@ -265,6 +288,7 @@ private:
 
     QTemporaryDir m_folder;
     FakeWhisperServer m_whisper;
+    FakeOllamaServer m_ollama;
     QString m_clip;
     std::unique_ptr<TargetWindow> m_target;
     std::unique_ptr<DictationApp> m_app;

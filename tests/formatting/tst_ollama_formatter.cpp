@@ -23,6 +23,8 @@ QString outcomeOf(OllamaFormatter &formatter, Operation operation, const QString
         return syncWait(FormatterOperations::perform(formatter, operation, input, kContext));
     } catch (const QuorvaneError &error) {
         return "QuorvaneError: " + error.message();
+    } catch (const LoopbackHttp::TransportError &error) {
+        return "TransportError: " + error.text();
     }
 }
 
@@ -143,7 +145,16 @@ private slots:
         QTest::newRow("500 even with a response")
             << FakeOllamaServer::generation("Send it.").withStatus(500)
             << "QuorvaneError: The formatting model is unavailable: Ollama returned HTTP error";
+        QTest::newRow("400 with a plain-text body")
+            << Response::plainText(400, "Bad Request")
+            << "QuorvaneError: The formatting model is unavailable: Ollama returned HTTP error";
         QTest::newRow("empty object") << Response::json(200, "{}") << "";
+        QTest::newRow("response of another shape")
+            << Response::json(200, R"({"response": {"text": "Send it."}})") << "";
+        QTest::newRow("dropped mid-body")
+            << FakeOllamaServer::generation("Send it.").cutShort() << "TransportError: Connection closed";
+        QTest::newRow("gigabytes announced")
+            << Response::enormous() << "TransportError: the server's answer is larger than 8 MB";
         QTest::newRow("array body") << Response::json(200, R"(["Send it Wednesday."])") << "";
     }
     void repliesAreReadAndCleaned() {

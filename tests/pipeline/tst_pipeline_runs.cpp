@@ -33,6 +33,8 @@ void replyOrStall(PipelineHarness &h, const QString &reply, const QString &stall
 
 } // namespace
 
+Q_DECLARE_METATYPE(FakeHttpServer::Response)
+
 // What each mode's run does with the transcript: formatting and its guard, delivery, and every
 // fallback and notice on the way.
 class TestPipelineRuns : public QObject {
@@ -117,6 +119,15 @@ private slots:
         QTest::newRow("model error") << "<error>"
                                      << "formatterFailed"
                                      << "WARN Formatter failed: ";
+        QTest::newRow("plain-text 400") << "<plain 400>"
+                                        << "formatterFailed"
+                                        << "WARN Formatter failed: ";
+        QTest::newRow("dropped mid-body") << "<cut short>"
+                                          << "formatterFailed"
+                                          << "WARN Formatter failed: ";
+        QTest::newRow("gigabytes announced") << "<gigabytes>"
+                                             << "formatterFailed"
+                                             << "WARN Formatter failed: ";
     }
     void rawTranscriptShipsWhenTheFormatterFails() {
         QFETCH(QString, reply);
@@ -125,8 +136,14 @@ private slots:
         PipelineHarness h;
         h.ready();
         h.transcript(kRaw);
-        if (reply == QStringLiteral("<error>"))
-            h.ollama.enqueueGenerate(FakeHttpServer::Response::json(500, R"({"error":"runner crashed"})"));
+        const QHash<QString, FakeHttpServer::Response> faults{
+            {"<error>", FakeHttpServer::Response::json(500, R"({"error":"runner crashed"})")},
+            {"<plain 400>", FakeHttpServer::Response::plainText(400, "Bad Request")},
+            {"<cut short>", FakeOllamaServer::generation(kClean).cutShort()},
+            {"<gigabytes>", FakeHttpServer::Response::enormous()},
+        };
+        if (faults.contains(reply))
+            h.ollama.enqueueGenerate(faults.value(reply));
         else
             replyOrStall(h, reply, kClean);
         QVERIFY(h.hold(h.dictationKey));
@@ -216,6 +233,34 @@ private slots:
         QCOMPARE(h.kind(), Kind::error);
         QCOMPARE(h.notifier->notices,
                  (QList<Notice>{{QStringLiteral("Transcription failed"), h.pipeline->state().message}}));
+    }
+
+    // Whatever the whisper server does wrong, the run ends in an error the user is told about, and
+    // nothing half-heard is typed.
+    void transcriptionFailuresEndInError_data() {
+        QTest::addColumn<FakeHttpServer::Response>("answer");
+        QTest::addColumn<QString>("message");
+        using Response = FakeHttpServer::Response;
+        const QString unavailable = "The speech model is unavailable: whisper server returned an error";
+        QTest::newRow("plain-text 400") << Response::plainText(400, "Invalid request") << unavailable;
+        QTest::newRow("not JSON") << Response::invalidJson()
+                                  << "the local server's answer was not JSON: unterminated object";
+        QTest::newRow("dropped mid-body")
+            << FakeWhisperServer::transcript(kRaw).cutShort() << "no answer from the local server: Connection closed";
+        QTest::newRow("gigabytes announced")
+            << Response::enormous() << "no answer from the local server: the server's answer is larger than 8 MB";
+    }
+    void transcriptionFailuresEndInError() {
+        QFETCH(FakeHttpServer::Response, answer);
+        PipelineHarness h;
+        h.ready();
+        h.whisper.enqueueInference(answer);
+        QVERIFY(h.holdAndSettle(h.dictationKey));
+        QCOMPARE(h.kind(), Kind::error);
+        QTEST(h.pipeline->state().message, "message");
+        QCOMPARE(h.notifier->notices,
+                 (QList<Notice>{{QStringLiteral("Transcription failed"), h.pipeline->state().message}}));
+        QVERIFY(h.injector->injected.isEmpty());
     }
 
     void deliveryFailuresKeepTheText_data() {

@@ -132,10 +132,16 @@ private slots:
             << FakeWhisperServer::transcript(QStringLiteral(" Hello there.\n General.\n")) << "Hello there. General.";
         QTest::newRow("500") << Response::plainText(500, "Internal Server Error")
                              << "<unavailable> whisper server returned an error";
+        QTest::newRow("400 with a plain-text body")
+            << Response::plainText(400, "Invalid request") << "<unavailable> whisper server returned an error";
         QTest::newRow("not JSON") << Response::invalidJson() << "<parse error>";
+        QTest::newRow("object whose text is no string") << Response::json(200, R"({"text": 42})") << R"({"text": 42})";
         QTest::newRow("JSON array returned raw, stripped")
             << Response::json(200, "[[\"a\"],  \"spoken words\"]") << ", \"spoken words\"]";
         QTest::newRow("dropped connection") << Response::droppedConnection() << "<transport error>";
+        QTest::newRow("dropped mid-body")
+            << FakeWhisperServer::transcript(" Hello.\n").cutShort() << "<transport error>";
+        QTest::newRow("gigabytes announced") << Response::enormous() << "<transport error>";
     }
     void interpretsResponse() {
         QFETCH(Response, response);

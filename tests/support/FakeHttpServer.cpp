@@ -126,6 +126,20 @@ FakeHttpServer::Response FakeHttpServer::Response::droppedConnection() {
     return response;
 }
 
+FakeHttpServer::Response FakeHttpServer::Response::cutShort() const {
+    Response response = *this;
+    response.announcedLength = body.size();
+    response.body.truncate(body.size() / 2);
+    response.closeAfterBody = true;
+    return response;
+}
+
+FakeHttpServer::Response FakeHttpServer::Response::enormous() {
+    Response response = json(200, "{\"text\": \"" + QByteArray(64 * 1024, 'a'));
+    response.announcedLength = 5LL * 1024 * 1024 * 1024;
+    return response;
+}
+
 FakeHttpServer::Response FakeHttpServer::Response::delayedBy(int milliseconds) const {
     Response response = *this;
     response.delayMs = milliseconds;
@@ -257,7 +271,10 @@ void FakeHttpServer::send(Connection *connection, const Response &response) {
     }
     QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status) + ' ' + reasonPhrase(response.status) + "\r\n";
     head += "Content-Type: " + response.contentType + "\r\n";
-    head += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n";
+    head += "Content-Length: " +
+            QByteArray::number(response.announcedLength < 0 ? response.body.size() : response.announcedLength) + "\r\n";
     head += "Keep-Alive: timeout=5, max=5\r\n\r\n";
     socket->write(head + response.body);
+    if (response.closeAfterBody)
+        socket->disconnectFromHost();
 }

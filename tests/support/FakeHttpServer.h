@@ -49,12 +49,20 @@ public:
         int delayMs = 0;
         // Close the connection without answering (after the delay).
         bool drop = false;
+        // The Content-Length announced instead of the body's own, when not negative.
+        qint64 announcedLength = -1;
+        // Close the connection once the body is sent.
+        bool closeAfterBody = false;
 
         static Response json(int status, const QByteArray &body);
         static Response plainText(int status, const QByteArray &body);
         // 200 with an application/json body that does not parse.
         static Response invalidJson();
         static Response droppedConnection();
+        // Announces a whole body, sends half of it and closes the connection.
+        Response cutShort() const;
+        // Announces a body of several gigabytes, sends its first bytes and keeps the connection open.
+        static Response enormous();
         Response delayedBy(int milliseconds) const;
         Response withStatus(int status) const;
     };

@@ -86,14 +86,21 @@ QByteArray TargetWindow::answer() {
     return m_process.readLine().trimmed();
 }
 
-DictationApp::DictationApp(const QUrl &whisperServer) {
-    const QJsonObject config{{"asr", "whisperServer"},
-                             {"whisperEndpoint", whisperServer.toString()},
-                             {"formatter", "none"},
-                             // This desktop's speakers play straight into its microphone: a cue
-                             // would be in every recording the tests compare with what was spoken.
-                             {"playSounds", false},
-                             {"didCompleteOnboarding", true}};
+DictationApp::DictationApp(const QUrl &whisperServer, const std::optional<QUrl> &ollamaServer) {
+    QJsonObject config{{"asr", "whisperServer"},
+                       {"whisperEndpoint", whisperServer.toString()},
+                       {"formatter", "none"},
+                       {"retainHistory", true},
+                       {"retainAudio", true},
+                       {"didCompleteOnboarding", true},
+                       // This desktop's speakers play straight into its microphone: a cue
+                       // would be in every recording the tests compare with what was spoken.
+                       {"playSounds", false}};
+    if (ollamaServer) {
+        config.insert("formatter", "ollama");
+        config.insert("ollamaEndpoint", ollamaServer->toString());
+        config.insert("ollamaModel", "llama3.2:latest");
+    }
     QFile file(QDir(m_home.path()).filePath("config.json"));
     if (file.open(QIODevice::WriteOnly))
         file.write(QJsonDocument(config).toJson());

@@ -47,10 +47,11 @@ private:
     QProcess m_process;
 };
 
-// The real quorvane app in a data folder of its own, pointed at a whisper server, no formatter.
+// The real quorvane app in a data folder of its own, pointed at a whisper server and, when given, an
+// Ollama server serving llama3.2:latest; otherwise no formatter. History and recordings are kept.
 class DictationApp {
 public:
-    explicit DictationApp(const QUrl &whisperServer);
+    explicit DictationApp(const QUrl &whisperServer, const std::optional<QUrl> &ollamaServer = std::nullopt);
     ~DictationApp();
     DictationApp(const DictationApp &) = delete;
     DictationApp &operator=(const DictationApp &) = delete;
