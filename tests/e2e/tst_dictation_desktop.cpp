@@ -245,12 +245,7 @@ private:
     }
 
     // Holds Right Alt over the whole clip and a little after it, as a speaker would.
-    void holdAndSpeak() {
-        xdotool({"keydown", QString::number(rightAlt)});
-        QVERIFY(m_app->awaitLine("Recording started.", m_from));
-        playClip();
-        xdotool({"keyup", QString::number(rightAlt)});
-    }
+    void holdAndSpeak() { QVERIFY(holdKeyAndSpeak(*m_app, rightAlt, "Recording started.", m_from, m_clip)); }
     void playClip() {
         QProcess player;
         play(player, m_clip);
