@@ -288,8 +288,10 @@ private slots:
             QCOMPARE(contents(record), started);
             QCOMPARE(m_target->command("text"), fieldsBefore);
         }
+        // Windows of earlier agents may close meanwhile; none may open.
         if (banner.isEmpty())
-            QCOMPARE(terminalWindows(), windowsBefore);
+            for (const QString &window : terminalWindows())
+                QVERIFY2(windowsBefore.contains(window), "a terminal opened without an agent");
 
         // The launchers hold the user's paths and the agent's process id: theirs alone.
         if (QFileInfo::exists(handoffs)) {
