@@ -53,6 +53,11 @@ PreparedLaunch prepare(const QString &prompt, AgentKind agent, const RepositoryC
         !QFile::setPermissions(launch.scriptPath,
                                QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner))
         throw QuorvaneError::agentHandoffFailed(QStringLiteral("could not write the agent launcher"));
+    // The shell's redirection keeps an existing file's mode; left to it, the marker would get the
+    // user's umask and be readable by everyone.
+    QFile marker(launch.markerPath);
+    if (!marker.open(QIODevice::WriteOnly | QIODevice::NewOnly, QFileDevice::ReadOwner | QFileDevice::WriteOwner))
+        throw QuorvaneError::agentHandoffFailed(QStringLiteral("could not write the agent launcher"));
     return launch;
 }
 

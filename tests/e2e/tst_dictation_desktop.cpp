@@ -109,7 +109,8 @@ private slots:
         m_target = std::make_unique<TargetWindow>();
         QVERIFY(m_target->ready);
         QVERIFY(m_target->focus("line"));
-        m_app = std::make_unique<DictationApp>(m_whisper.url(), m_ollama.url());
+        m_app = std::make_unique<DictationApp>(m_whisper.url(),
+                                               AppSetup{.ollama = m_ollama.url(), .config = {}, .environment = {}});
         QVERIFY(m_app->awaitReady());
     }
 
@@ -268,12 +269,7 @@ private:
     }
 
     // Holds Right Alt over the whole clip and a little after it, as a speaker would.
-    void holdAndSpeak() {
-        xdotool({"keydown", QString::number(rightAlt)});
-        QVERIFY(m_app->awaitLine("Recording started.", m_from));
-        playClip();
-        xdotool({"keyup", QString::number(rightAlt)});
-    }
+    void holdAndSpeak() { QVERIFY(holdKeyAndSpeak(*m_app, rightAlt, "Recording started.", m_from, m_clip)); }
     void playClip() {
         QProcess player;
         play(player, m_clip);

@@ -93,6 +93,8 @@ private slots:
         QCOMPARE(QString::fromUtf8(contents(seen)), repo.root() + '\n');
         QVERIFY(!QFileInfo::exists(repo.scratch() + "/pwned"));
         QCOMPARE(contents(launch.markerPath).trimmed().toLongLong(), terminal.processId());
+        // Written by the script's shell, whatever its umask.
+        QCOMPARE(QFileInfo(launch.markerPath).permissions() & 0x0777, QFileDevice::Permissions(0x0600));
 #ifdef Q_OS_LINUX
         // The marker's process runs the agent: the wait is over at once.
         const auto processes = std::make_shared<ProcProcessTreeSource>();

@@ -81,6 +81,11 @@ QCoro::Task<void> LinuxAgentHandoffLauncher::handoff(QString prompt, AgentKind a
         co_await m_scheduler.sleep(screenPollMs);
         screen = terminal->screenText(*inFront->processID);
     }
+    // The user may have moved on while the agent drew its first screen (a window in the background
+    // shows us no screen either): the paste goes nowhere else.
+    const auto stillFront = co_await terminalInFront(agentProcess);
+    if (!stillFront || stillFront->processID != inFront->processID)
+        throw failed(QStringLiteral("focus changed before the prompt could be submitted"));
     if (!screen)
         throw failed(QStringLiteral("the terminal's screen could not be read, so the prompt was not pasted"));
     if (AgentStartupScreenClassifier::classify(*screen) == AgentStartupScreenClassifier::Status::needsUser)

@@ -103,6 +103,9 @@ private slots:
             << "trust drawn late"
             << "finish the agent's trust or sign-in prompt, then paste the copied specification" << true << false
             << false;
+        QTest::newRow("focus moves while the agent draws its screen")
+            << "focus moves early"
+            << "focus changed before the prompt could be submitted" << true << false << false;
         QTest::newRow("screen stays blank") << "screen stays blank"
                                             << "" << true << true << true;
         QTest::newRow("agent exits during the paste")
@@ -145,6 +148,8 @@ private slots:
             terminal->screens = {trust};
         if (fault == "trust drawn late")
             terminal->screens = {"", " \n ", trust};
+        if (fault == "focus moves early")
+            terminal->screens = {"", "", "Welcome to the agent\n> "};
         if (fault == "screen stays blank")
             terminal->screens = {""};
         terminal->returnPosts = fault != "no return";
@@ -161,6 +166,8 @@ private slots:
             if (!injector->injected.isEmpty() && fault == "agent exits")
                 processes->remove(agentProcess);
             if (!injector->injected.isEmpty() && fault == "focus moves")
+                frontmost->app = browser;
+            if (!terminal->screensRead.isEmpty() && fault == "focus moves early")
                 frontmost->app = browser;
             if (step == 150 && fault == "window raised late")
                 frontmost->app = lxterminal;

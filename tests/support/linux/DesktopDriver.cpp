@@ -86,7 +86,7 @@ QByteArray TargetWindow::answer() {
     return m_process.readLine().trimmed();
 }
 
-DictationApp::DictationApp(const QUrl &whisperServer, const std::optional<QUrl> &ollamaServer) {
+DictationApp::DictationApp(const QUrl &whisperServer, const AppSetup &setup) {
     QJsonObject config{{"asr", "whisperServer"},
                        {"whisperEndpoint", whisperServer.toString()},
                        {"formatter", "none"},
@@ -96,11 +96,13 @@ DictationApp::DictationApp(const QUrl &whisperServer, const std::optional<QUrl> 
                        // This desktop's speakers play straight into its microphone: a cue
                        // would be in every recording the tests compare with what was spoken.
                        {"playSounds", false}};
-    if (ollamaServer) {
+    if (!setup.ollama.isEmpty()) {
         config.insert("formatter", "ollama");
-        config.insert("ollamaEndpoint", ollamaServer->toString());
+        config.insert("ollamaEndpoint", setup.ollama.toString());
         config.insert("ollamaModel", "llama3.2:latest");
     }
+    for (auto key = setup.config.begin(); key != setup.config.end(); ++key)
+        config.insert(key.key(), key.value());
     QFile file(QDir(m_home.path()).filePath("config.json"));
     if (file.open(QIODevice::WriteOnly))
         file.write(QJsonDocument(config).toJson());
@@ -108,6 +110,8 @@ DictationApp::DictationApp(const QUrl &whisperServer, const std::optional<QUrl> 
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("QUORVANE_HOME", m_home.path());
     environment.insert("QT_QPA_PLATFORM", "xcb");
+    for (auto variable = setup.environment.begin(); variable != setup.environment.end(); ++variable)
+        environment.insert(variable.key(), variable.value());
     m_process.setProcessEnvironment(environment);
     // Away from any source checkout, which the app would take for the user's repository.
     m_process.setWorkingDirectory(m_home.path());
@@ -149,6 +153,21 @@ std::optional<QString> DictationApp::awaitLine(const QString &needle, qsizetype 
         },
         timeoutMs);
     return found;
+}
+
+bool holdKeyAndSpeak(const DictationApp &app, int keycode, const QString &startedLine, qsizetype from,
+                     const QString &wavPath) {
+    const QString key = QString::number(keycode);
+    if (runTool("xdotool", {"keydown", key}).exitCode != 0)
+        return false;
+    bool played = false;
+    if (app.awaitLine(startedLine, from)) {
+        QProcess player;
+        play(player, wavPath);
+        played = player.waitForFinished(10000) && player.exitCode() == 0;
+        QTest::qWait(300);
+    }
+    return runTool("xdotool", {"keyup", key}).exitCode == 0 && played;
 }
 
 bool speak(const QString &text, const QString &wavPath) {

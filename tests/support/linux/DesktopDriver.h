@@ -1,6 +1,8 @@
 #pragma once
 
 #include <QByteArray>
+#include <QHash>
+#include <QJsonObject>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -47,11 +49,21 @@ private:
     QProcess m_process;
 };
 
-// The real quorvane app in a data folder of its own, pointed at a whisper server and, when given, an
-// Ollama server serving llama3.2:latest; otherwise no formatter. History and recordings are kept.
+// What a test changes about the app it starts.
+struct AppSetup {
+    // An Ollama server to format with; empty leaves formatting off.
+    QUrl ollama;
+    // Settings written over the ones above.
+    QJsonObject config;
+    // Variables added to the app's environment (HOME, PATH, …).
+    QHash<QString, QString> environment;
+};
+
+// The real quorvane app in a data folder of its own, pointed at a whisper server. History and
+// recordings are kept.
 class DictationApp {
 public:
-    explicit DictationApp(const QUrl &whisperServer, const std::optional<QUrl> &ollamaServer = std::nullopt);
+    explicit DictationApp(const QUrl &whisperServer, const AppSetup &setup = {});
     ~DictationApp();
     DictationApp(const DictationApp &) = delete;
     DictationApp &operator=(const DictationApp &) = delete;
@@ -69,6 +81,11 @@ private:
     QTemporaryDir m_home;
     QProcess m_process;
 };
+
+// Holds the key with X keycode `keycode` over the whole of `wavPath` and a little after it, as a
+// speaker would; the clip starts once the app logs `startedLine` (from log line `from` on).
+bool holdKeyAndSpeak(const DictationApp &app, int keycode, const QString &startedLine, qsizetype from,
+                     const QString &wavPath);
 
 // A spoken clip written by espeak-ng.
 bool speak(const QString &text, const QString &wavPath);
