@@ -45,7 +45,8 @@ QStringList waylandGaps(const WaylandServices &services) {
                                "by hand: use a wlroots compositor such as sway or Hyprland for typing.");
     if (!services.windowTree)
         gaps << QStringLiteral("The application in front cannot be known (no sway IPC socket), so text is pasted "
-                               "without checking that the destination is unchanged.");
+                               "without checking that the destination is unchanged: under sway, start Quorvane "
+                               "from the session so that it inherits SWAYSOCK.");
     return gaps;
 }
 
