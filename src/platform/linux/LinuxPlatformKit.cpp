@@ -46,11 +46,11 @@ void wireX11(PlatformKit &kit) {
 }
 
 void wireWayland(PlatformKit &kit) {
-    // No client may watch the keyboard here: the compositor's bindings call us instead.
+    // No client may watch the keyboard here: the compositor's bindings call us instead. The keys keep
+    // their names, which the suggested bindings use.
     kit.hotkey = [](PushToTalkKey key, PipelineMode mode) -> std::unique_ptr<GlobalHotkey> {
         return std::make_unique<PushToTalkHotkey>(key, std::make_shared<CompositorKeyBindingBackend>(mode));
     };
-    kit.keyDisplayName = [](PushToTalkKey) { return QStringLiteral("the key bound in your compositor"); };
 
     const QString swaySocket = qEnvironmentVariable("SWAYSOCK");
     auto sway = std::make_shared<SwayFrontmostApp>(swaySocket);

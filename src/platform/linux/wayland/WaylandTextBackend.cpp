@@ -2,7 +2,7 @@
 
 #include "core/Log.h"
 #include "platform/linux/AtspiFocus.h"
-#include "platform/linux/X11TextBackend.h"
+#include "platform/linux/PasteChord.h"
 
 #include <QSocketNotifier>
 #include <chrono>
@@ -412,19 +412,19 @@ bool WaylandTextBackend::postPasteChord() {
     if (!s.keyboard)
         return false;
     const QString destination = m_destination ? m_destination() : QString();
-    const auto chord = X11TextBackend::pasteChordFor(destination, destination);
+    const auto chord = pasteChordFor(destination, destination);
     QList<quint32> modifiers;
     quint32 mask = 0;
-    if (chord == X11TextBackend::PasteChord::shiftInsert) {
+    if (chord == PasteChord::shiftInsert) {
         modifiers = {KEY_LEFTSHIFT};
         mask = s.shiftMask;
     } else {
         modifiers = {KEY_LEFTCTRL};
         mask = s.controlMask;
-        if (chord == X11TextBackend::PasteChord::ctrlShiftV)
+        if (chord == PasteChord::ctrlShiftV)
             modifiers.append(KEY_LEFTSHIFT), mask |= s.shiftMask;
     }
-    const quint32 key = chord == X11TextBackend::PasteChord::shiftInsert ? KEY_INSERT : KEY_V;
+    const quint32 key = chord == PasteChord::shiftInsert ? KEY_INSERT : KEY_V;
     // Our keyboard becomes the seat's active one with this, and the focused client is handed our
     // keymap before any key of the chord.
     zwp_virtual_keyboard_v1_modifiers(s.keyboard, 0, 0, 0, 0);
