@@ -1,12 +1,15 @@
+#include "LogRecorder.h"
 #include "core/QuorvaneError.h"
 #include "linux/DesktopDriver.h"
 #include "platform/PasteTextInjector.h"
+#include "platform/PlatformKitFactory.h"
 #include "platform/PushToTalkHotkey.h"
 #include "platform/linux/CompositorKeyBindings.h"
 #include "platform/linux/SwayFrontmostApp.h"
 #include "platform/linux/wayland/WaylandTextBackend.h"
 
 #include <QCoreApplication>
+#include <QGuiApplication>
 #include <QTest>
 #include <cstdio>
 
@@ -43,6 +46,44 @@ private Q_SLOTS:
     void initTestCase() {
         if (qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") || qEnvironmentVariableIsEmpty("SWAYSOCK"))
             QSKIP("needs the session of scripts/headless-wayland");
+    }
+
+    // The kit follows the session, not DISPLAY, and names what the compositor lacks.
+    void kitUsesTheWaylandBackends_data() {
+        QTest::addColumn<QByteArray>("variable");
+        QTest::addColumn<QByteArray>("value");
+        QTest::addColumn<QString>("found");
+        QTest::addColumn<QString>("gap");
+        QTest::newRow("all there, XWayland's DISPLAY beside")
+            << QByteArray("DISPLAY") << QByteArray(":0")
+            << "clipboard control yes, virtual keyboard yes, window tree yes"
+            << "";
+        QTest::newRow("not under sway") << QByteArray("SWAYSOCK") << QByteArray()
+                                        << "clipboard control yes, virtual keyboard yes, window tree no"
+                                        << "no sway IPC socket";
+        QTest::newRow("compositor gone") << QByteArray("WAYLAND_DISPLAY") << QByteArray("wayland-none")
+                                         << "clipboard control no"
+                                         << "could not be reached";
+    }
+    void kitUsesTheWaylandBackends() {
+        QFETCH(QByteArray, variable);
+        QFETCH(QByteArray, value);
+        QFETCH(QString, found);
+        QFETCH(QString, gap);
+        const QByteArray saved = qgetenv(variable.constData());
+        qputenv(variable.constData(), value);
+        LogRecorder log;
+        const PlatformKit kit = makePlatformKit();
+        qputenv(variable.constData(), saved);
+
+        const QStringList info = log.lines.filter(QStringLiteral("INFO Wayland session: "));
+        QCOMPARE(info.size(), 1);
+        QVERIFY2(info.constFirst().contains(found), qPrintable(info.constFirst()));
+        QCOMPARE(kit.sessionGaps.isEmpty(), gap.isEmpty());
+        if (!gap.isEmpty()) {
+            QVERIFY2(kit.sessionGaps.constFirst().contains(gap), qPrintable(kit.sessionGaps.constFirst()));
+            QVERIFY(log.lines.contains(QStringLiteral("WARN ") + kit.sessionGaps.constFirst()));
+        }
     }
 
     void keyCommandDrivesItsMode_data() {
@@ -148,7 +189,8 @@ private Q_SLOTS:
 int main(int argc, char **argv) {
     if (argc >= 2 && qstrcmp(argv[1], "--offer-clipboard") == 0)
         return offerClipboard(argc, argv);
-    QCoreApplication app(argc, argv);
+    // The kit wires desktop services only for a GUI application; offscreen keeps Qt off the session.
+    QGuiApplication app(argc, argv);
     WaylandDesktopTest test;
     return QTest::qExec(&test, argc, argv);
 }
