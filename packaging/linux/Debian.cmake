@@ -28,7 +28,8 @@ set(CPACK_DEBIAN_PACKAGE_SECTION sound)
 # here: Qt's X11 platform plugin and the recogniser's English model.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-qpa-plugins, pocketsphinx-en-us")
-# Reading the selection needs the accessibility bus, and the microphone a sound server; a desktop
-# session normally has both.
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "at-spi2-core, pulseaudio | pipewire-pulse")
+# Reading the selection needs the accessibility bus, the microphone a sound server, and a Wayland
+# session Qt's Wayland plugin and the keyboard layouts the paste chord's keymap is built from; a desktop
+# session normally has them all.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "at-spi2-core, pulseaudio | pipewire-pulse, qt6-wayland, xkb-data")
 include(CPack)

@@ -17,6 +17,7 @@
 #include "pipeline/Pipeline.h"
 #include "platform/PlatformKitFactory.h"
 #include "platform/PresentingNotifier.h"
+#include "platform/SessionType.h"
 #ifdef Q_OS_LINUX
 #include "platform/linux/FreedesktopNotifications.h"
 #endif
@@ -40,8 +41,10 @@ QString hotkeyFixStep() {
     return QStringLiteral("Allow Quorvane under System Settings \u203A Privacy & Security \u203A Accessibility, then "
                           "restart it from the menu.");
 #else
-    return QStringLiteral("Log in to an X11 session (Wayland is not supported yet), then restart Quorvane from "
-                          "the menu.");
+    if (SessionType::current() == SessionType::Kind::wayland)
+        return QStringLiteral("Quit any other Quorvane (only one can take the compositor's key bindings) and check "
+                              "that the session bus runs, then restart Quorvane from the menu.");
+    return QStringLiteral("Log in to an X11 or Wayland desktop session, then restart Quorvane from the menu.");
 #endif
 }
 
@@ -85,7 +88,7 @@ void AppShell::startPipeline() {
     };
     bool armed = true;
     for (const auto &[key, mode] : bindings) {
-        std::unique_ptr<GlobalHotkey> hotkey = makeHotkey(key);
+        std::unique_ptr<GlobalHotkey> hotkey = makeHotkey(key, mode);
         m_pipeline->bindHotkey(*hotkey, mode);
         armed = hotkey->start() && armed;
         m_hotkeys.push_back(std::move(hotkey));
@@ -155,6 +158,7 @@ void AppShell::showSetup() {
 void AppShell::recheck() {
     SetupChecks::Facts &facts = m_checks->facts();
     facts.sessionType = SetupChecks::sessionType();
+    facts.sessionGaps = m_pipeline->platform().sessionGaps;
     facts.trayHost = QSystemTrayIcon::isSystemTrayAvailable();
     facts.assistiveTechnology = SetupChecks::assistiveTechnologyEnabled();
     facts.hotkeysArmed = m_hotkeysArmed;

@@ -2,6 +2,7 @@
 
 #include "core/LoopbackHttp.h"
 #include "core/QuorvaneError.h"
+#include "platform/SessionType.h"
 
 #include <QtGlobal>
 #ifdef Q_OS_LINUX
@@ -24,15 +25,20 @@ Check failed(const QString &title, const QString &nextStep) {
 }
 
 Check session(const SetupChecks::Facts &facts) {
-    const QString title = QStringLiteral("X11 session");
+    const QString title = QStringLiteral("Supported session");
     if (facts.sessionType == QLatin1String("x11"))
-        return passed(title, QStringLiteral("Quorvane can watch its keys and paste on this desktop."));
-    if (facts.sessionType == QLatin1String("wayland"))
-        return failed(title, QStringLiteral("This is a Wayland session, where Quorvane cannot watch its keys yet. Log "
-                                            "out, pick the X11 (Xorg) session on the login screen, and start "
-                                            "Quorvane again."));
-    return failed(title, QStringLiteral("No X11 display was found. Start Quorvane from inside an X11 desktop "
-                                        "session."));
+        return passed(title, QStringLiteral("X11: Quorvane can watch its keys and paste on this desktop."));
+    if (facts.sessionType == QLatin1String("wayland")) {
+        if (!facts.sessionGaps.isEmpty())
+            return failed(title, QStringLiteral("Wayland: ") + facts.sessionGaps.join(QLatin1Char(' ')));
+        return passed(title, QStringLiteral("Wayland: Quorvane pastes through the compositor. Bind each mode key in "
+                                            "your compositor to \u201Cquorvane key press dictate\u201D on press and "
+                                            "\u201Cquorvane key release dictate\u201D on release (edit and prompt "
+                                            "likewise); the README has the lines for sway, Hyprland, GNOME and "
+                                            "KDE."));
+    }
+    return failed(title, QStringLiteral("No desktop session was found. Start Quorvane from inside an X11 or Wayland "
+                                        "desktop session."));
 }
 
 Check withAction(Check check, SetupChecks::Action action, const QString &text) {
@@ -206,12 +212,7 @@ QCoro::Task<bool> SetupChecks::whisperServerAnswers(QUrl endpoint, int timeoutMs
 }
 
 QString SetupChecks::sessionType() {
-    const QString declared = qEnvironmentVariable("XDG_SESSION_TYPE").toLower();
-    if (declared == QLatin1String("wayland") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
-        return QStringLiteral("wayland");
-    if (!qEnvironmentVariableIsEmpty("DISPLAY"))
-        return QStringLiteral("x11");
-    return declared;
+    return SessionType::name(SessionType::current());
 }
 
 std::optional<bool> SetupChecks::assistiveTechnologyEnabled() {

@@ -8,6 +8,7 @@
 #include <QCoro/QCoroTask>
 #include <QList>
 #include <QString>
+#include <QStringList>
 #include <QUrl>
 #include <functional>
 #include <optional>
@@ -34,8 +35,10 @@ public:
     enum class Engine { preparing, ready, failed };
 
     struct Facts {
-        // XDG_SESSION_TYPE, or "x11" when only DISPLAY says so.
+        // "x11", "wayland", or empty without a session.
         QString sessionType;
+        // What the session lacks, each with its next step (the platform kit's).
+        QStringList sessionGaps;
         bool trayHost = false;
         // Unknown when the accessibility bus did not answer.
         std::optional<bool> assistiveTechnology;

@@ -11,6 +11,10 @@
 #include "platform/ApplicationPresence.h"
 #include "platform/PlatformKitFactory.h"
 
+#ifdef Q_OS_LINUX
+#include "platform/linux/CompositorKeyBindings.h"
+#endif
+
 #include <QApplication>
 #include <QCoreApplication>
 #include <memory>
@@ -21,6 +25,15 @@ namespace {
 int runCommand(int argc, char **argv, const Command &command) {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("Quorvane"));
+    if (command.kind == Command::Kind::key) {
+#ifdef Q_OS_LINUX
+        // Run by a compositor key binding on every press: it only calls the running app.
+        return CompositorKeyBindings::runKeyCommand(command.commandArguments);
+#else
+        Terminal::tell(QStringLiteral("quorvane key is for Wayland sessions; this desktop watches the keys itself."));
+        return 2;
+#endif
+    }
     auto task = [&]() -> QCoro::Task<int> {
         if (command.kind == Command::Kind::transcribe) {
             const PlatformKit kit = makePlatformKit();

@@ -9,6 +9,9 @@ Command Command::parse(const QStringList &arguments) {
     } else if (arguments.size() >= 2 && arguments.at(1) == QLatin1String("benchmark")) {
         command.kind = Kind::benchmark;
         command.commandArguments = arguments.mid(2);
+    } else if (arguments.size() >= 2 && arguments.at(1) == QLatin1String("key")) {
+        command.kind = Kind::key;
+        command.commandArguments = arguments.mid(2);
     }
     return command;
 }

@@ -5,11 +5,11 @@
 
 // What the executable was asked to do, decided from its arguments alone.
 struct Command {
-    enum class Kind { transcribe, benchmark, application };
+    enum class Kind { transcribe, benchmark, key, application };
     Kind kind = Kind::application;
     QString wavPath;              // transcribe
     QString locale;               // transcribe
-    QStringList commandArguments; // benchmark: everything after "benchmark"
+    QStringList commandArguments; // benchmark, key: everything after the command word
 
     bool operator==(const Command &) const = default;
 

@@ -4,7 +4,7 @@
 
 PlatformKit PlatformKit::fallbacks() {
     PlatformKit kit;
-    kit.hotkey = [](PushToTalkKey) { return std::make_unique<UnsupportedHotkey>(); };
+    kit.hotkey = [](PushToTalkKey, PipelineMode) { return std::make_unique<UnsupportedHotkey>(); };
     kit.makeCapture = captureFactory(nullptr);
     kit.capture = std::make_shared<UnsupportedCapture>();
     kit.injector = std::make_shared<UnsupportedTextInjector>();

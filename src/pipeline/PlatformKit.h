@@ -3,6 +3,7 @@
 #include "core/Config.h"
 #include "formatting/TextFormatter.h"
 #include "pipeline/EngineChoice.h"
+#include "pipeline/PipelineState.h"
 #include "platform/AudioCapturing.h"
 #include "platform/CuePlayer.h"
 #include "platform/DesktopPermissions.h"
@@ -18,7 +19,8 @@
 // The desktop services the pipeline and the shell talk to. Services are shared: a run that
 // outlives a settings change, or an abandoned formatter call, keeps what it uses alive.
 struct PlatformKit {
-    using HotkeyFactory = std::function<std::unique_ptr<GlobalHotkey>(PushToTalkKey)>;
+    // The key from the settings, and the mode it starts: some desktops bind modes, not keys.
+    using HotkeyFactory = std::function<std::unique_ptr<GlobalHotkey>(PushToTalkKey, PipelineMode)>;
     using NativeAsrFactory = ::NativeAsrFactory;
     using NativeFormatterFactory = ::NativeFormatterFactory;
 
@@ -52,6 +54,8 @@ struct PlatformKit {
     QList<AppRule> appRules;
     // How each mode key is named on this desktop.
     std::function<QString(PushToTalkKey)> keyDisplayName;
+    // What this desktop session lacks for dictation, one line each with the next step.
+    QStringList sessionGaps;
 
     // Every service its fallback: the starting point of each platform's kit.
     static PlatformKit fallbacks();

@@ -121,6 +121,10 @@ private Q_SLOTS:
         QTest::newRow("benchmark alone") << QStringList{"q", "benchmark"} << benchmark({});
         QTest::newRow("benchmark args") << QStringList{"q", "benchmark", "m.json", "--limit", "3"}
                                         << benchmark({"m.json", "--limit", "3"});
+        Command key;
+        key.kind = Command::Kind::key;
+        key.commandArguments = {"release", "edit"};
+        QTest::newRow("key") << QStringList{"q", "key", "release", "edit"} << key;
         QTest::newRow("case matters") << QStringList{"q", "Transcribe", "a.wav"} << Command();
         QTest::newRow("upper benchmark") << QStringList{"q", "BENCHMARK"} << Command();
         QTest::newRow("nothing") << QStringList{"q"} << Command();

@@ -184,4 +184,34 @@ std::unique_ptr<FocusedElement> focusedElementOf(qint32 processID) {
     return nullptr;
 }
 
+std::unique_ptr<FocusedElement> focusedElementInActiveWindow() {
+    if (!initialised())
+        return nullptr;
+    Accessible desktop(atspi_get_desktop(0));
+    if (!desktop)
+        return nullptr;
+    GError *error = nullptr;
+    const gint count = atspi_accessible_get_child_count(desktop.get(), &error);
+    dropError(error);
+    for (gint i = 0; i < count; ++i) {
+        Accessible application(atspi_accessible_get_child_at_index(desktop.get(), i, &error));
+        dropError(error);
+        if (!application)
+            continue;
+        const gint windows = atspi_accessible_get_child_count(application.get(), &error);
+        dropError(error);
+        for (gint w = 0; w < windows; ++w) {
+            Accessible window(atspi_accessible_get_child_at_index(application.get(), w, &error));
+            dropError(error);
+            // Every application remembers its own focus; only the active window's is the user's.
+            if (!window || !hasState(window.get(), ATSPI_STATE_ACTIVE))
+                continue;
+            int visited = 0;
+            if (Accessible focused = findFocused(window.get(), 0, visited))
+                return std::make_unique<AtspiElement>(std::move(focused));
+        }
+    }
+    return nullptr;
+}
+
 } // namespace AtspiFocus

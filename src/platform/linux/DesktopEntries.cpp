@@ -90,3 +90,15 @@ std::optional<DesktopEntries::Entry> DesktopEntries::match(const Window &window)
                 return entry;
     return std::nullopt;
 }
+
+FrontmostApp DesktopEntries::describe(const Window &window) const {
+    FrontmostApp app;
+    if (const auto entry = match(window)) {
+        app.bundleID = entry->id;
+        app.name = entry->name;
+    } else if (!window.applicationID.isEmpty() || !window.wmClass.isEmpty()) {
+        app.bundleID = window.applicationID.isEmpty() ? window.wmClass : window.applicationID;
+        app.name = window.wmClass.isEmpty() ? window.applicationID : window.wmClass;
+    }
+    return app;
+}

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/TextInjection.h"
+
 #include <QString>
 #include <QStringList>
 #include <optional>
@@ -30,6 +32,9 @@ public:
     // The entry the window belongs to: its declared application ID, then a StartupWMClass equal to
     // its class, then an ID equal to its class or instance.
     std::optional<Entry> match(const Window &window) const;
+    // The window's application named and identified by its entry, else by what the window says;
+    // no process id.
+    FrontmostApp describe(const Window &window) const;
     const std::vector<Entry> &entries() const { return m_entries; }
 
 private:

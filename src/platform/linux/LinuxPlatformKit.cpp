@@ -1,11 +1,14 @@
 #include "platform/PlatformKitFactory.h"
 
+#include "core/Log.h"
 #include "platform/FocusedDocumentSource.h"
 #include "platform/HotkeyBackend.h"
 #include "platform/PasteTextInjector.h"
 #include "platform/PresentingNotifier.h"
 #include "platform/PushToTalkHotkey.h"
+#include "platform/SessionType.h"
 #include "platform/WarmMicrophone.h"
+#include "platform/linux/CompositorKeyBindings.h"
 #include "platform/linux/FreedesktopNotifications.h"
 #include "platform/linux/LinuxAgentHandoffLauncher.h"
 #include "platform/linux/LinuxAppRules.h"
@@ -13,10 +16,12 @@
 #include "platform/linux/ProcProcessTreeSource.h"
 #include "platform/linux/PulseAudioBackend.h"
 #include "platform/linux/PulseCuePlayer.h"
+#include "platform/linux/SwayFrontmostApp.h"
 #include "platform/linux/X11FocusedDocumentSource.h"
 #include "platform/linux/X11FrontmostApp.h"
 #include "platform/linux/X11HotkeyBackend.h"
 #include "platform/linux/X11TextBackend.h"
+#include "platform/linux/wayland/WaylandTextBackend.h"
 #include "repository/RepositoryContextProvider.h"
 
 #include <QDir>
@@ -24,10 +29,56 @@
 
 namespace {
 
-// Desktop services need the desktop application and an X11 display; the command-line commands
-// and sessions without X keep the fallbacks.
-bool hasX11Desktop() {
-    return qobject_cast<QGuiApplication *>(QCoreApplication::instance()) && !qEnvironmentVariableIsEmpty("DISPLAY");
+// Desktop services need the desktop application; the command-line commands keep the fallbacks.
+bool isDesktopApplication() {
+    return qobject_cast<QGuiApplication *>(QCoreApplication::instance()) != nullptr;
+}
+
+void wireX11(PlatformKit &kit) {
+    kit.hotkey = [](PushToTalkKey key, PipelineMode) -> std::unique_ptr<GlobalHotkey> {
+        return std::make_unique<PushToTalkHotkey>(key, std::make_shared<X11HotkeyBackend>());
+    };
+    kit.frontmostApp = std::make_shared<X11FrontmostApp>();
+    auto injector = std::make_shared<PasteTextInjector>(std::make_shared<X11TextBackend>());
+    kit.injector = injector;
+    kit.selectionEditor = injector;
+    kit.agentHandoff = LinuxAgentHandoffLauncher::create(injector, kit.frontmostApp);
+    Log::info(QStringLiteral("X11 session: keys through XInput2, paste through the clipboard and XTest."));
+}
+
+void wireWayland(PlatformKit &kit) {
+    // No client may watch the keyboard here: the compositor's bindings call us instead. The keys keep
+    // their names, which the suggested bindings use.
+    kit.hotkey = [](PushToTalkKey key, PipelineMode mode) -> std::unique_ptr<GlobalHotkey> {
+        return std::make_unique<PushToTalkHotkey>(key, std::make_shared<CompositorKeyBindingBackend>(mode));
+    };
+
+    const QString swaySocket = qEnvironmentVariable("SWAYSOCK");
+    auto sway = std::make_shared<SwayFrontmostApp>(swaySocket);
+    kit.frontmostApp = sway;
+    std::weak_ptr<SwayFrontmostApp> weakSway = sway;
+    auto text = std::make_shared<WaylandTextBackend>(
+        [weakSway] {
+            const auto provider = weakSway.lock();
+            return provider ? provider->focusedApplicationID() : QString();
+        },
+        [weakSway]() -> std::optional<qint32> {
+            const auto provider = weakSway.lock();
+            return provider ? provider->frontmostApp().processID : std::nullopt;
+        });
+    auto injector = std::make_shared<PasteTextInjector>(text);
+    kit.injector = injector;
+    kit.selectionEditor = injector;
+
+    SessionType::WaylandServices services = text->services();
+    services.windowTree = SwayFrontmostApp::answers(swaySocket);
+    kit.sessionGaps = SessionType::waylandGaps(services);
+    const auto has = [](bool present) { return present ? QStringLiteral("yes") : QStringLiteral("no"); };
+    Log::info(QStringLiteral("Wayland session: keys through compositor bindings (quorvane key), clipboard control "
+                             "%1, virtual keyboard %2, window tree %3.")
+                  .arg(has(services.clipboardControl), has(services.virtualKeyboard), has(services.windowTree)));
+    for (const QString &gap : std::as_const(kit.sessionGaps))
+        Log::warn(gap);
 }
 
 } // namespace
@@ -44,18 +95,20 @@ PlatformKit makePlatformKit(const Config &config) {
     };
     kit.notifier = notifier;
 
-    if (hasX11Desktop()) {
-        kit.hotkey = [](PushToTalkKey key) -> std::unique_ptr<GlobalHotkey> {
-            return std::make_unique<PushToTalkHotkey>(key, std::make_shared<X11HotkeyBackend>());
-        };
+    const SessionType::Kind session = isDesktopApplication() ? SessionType::current() : SessionType::Kind::none;
+    if (session != SessionType::Kind::none) {
         kit.makeCapture =
             PlatformKit::captureFactory(std::make_shared<WarmMicrophone>(std::make_shared<PulseAudioBackend>()));
-        kit.frontmostApp = std::make_shared<X11FrontmostApp>();
-        auto injector = std::make_shared<PasteTextInjector>(std::make_shared<X11TextBackend>());
-        kit.injector = injector;
-        kit.selectionEditor = injector;
-        kit.agentHandoff = LinuxAgentHandoffLauncher::create(injector, kit.frontmostApp);
         kit.cues = std::make_shared<PulseCuePlayer>();
+    }
+    if (session == SessionType::Kind::x11)
+        wireX11(kit);
+    else if (session == SessionType::Kind::wayland)
+        wireWayland(kit);
+    else if (isDesktopApplication()) {
+        kit.sessionGaps = {QStringLiteral("No graphical session was found (neither WAYLAND_DISPLAY nor DISPLAY is "
+                                          "set): start Quorvane from inside your desktop session.")};
+        Log::warn(kit.sessionGaps.constFirst());
     }
     kit.capture = kit.makeCapture(config);
     // Speech with nothing to set up: a missing model or another language is reported when it prepares.
@@ -67,7 +120,7 @@ PlatformKit makePlatformKit(const Config &config) {
     // kit, not the repository provider, owns it.
     std::weak_ptr<FrontmostAppProvider> frontmost = kit.frontmostApp;
     std::shared_ptr<FocusedDocumentSource> documents;
-    if (hasX11Desktop())
+    if (session == SessionType::Kind::x11)
         documents = std::make_shared<X11FocusedDocumentSource>(QDir::homePath());
     else
         documents = std::make_shared<UnsupportedFocusedDocumentSource>();

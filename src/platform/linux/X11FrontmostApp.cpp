@@ -42,18 +42,11 @@ FrontmostApp X11FrontmostApp::frontmostApp() {
             break;
         }
 
-    FrontmostApp app;
-    app.processID = X11Windows::processOf(x, window);
     // The entries are read once, on first use: installing an application while we run only costs
     // it its pretty name until the next start.
     if (!m_entries)
         m_entries = std::make_unique<DesktopEntries>(DesktopEntries::standardDataDirs());
-    if (const auto entry = m_entries->match(identity)) {
-        app.bundleID = entry->id;
-        app.name = entry->name;
-    } else if (!identity.applicationID.isEmpty() || !identity.wmClass.isEmpty()) {
-        app.bundleID = identity.applicationID.isEmpty() ? identity.wmClass : identity.applicationID;
-        app.name = identity.wmClass.isEmpty() ? identity.applicationID : identity.wmClass;
-    }
+    FrontmostApp app = m_entries->describe(identity);
+    app.processID = X11Windows::processOf(x, window);
     return app;
 }

@@ -37,32 +37,6 @@ constexpr auto modifierPoll = std::chrono::milliseconds(10);
 // Qt's own stand-in for any image format; its data is not the owner's bytes.
 const QString qtImageFormat = QStringLiteral("application/x-qt-image");
 
-// Terminals that paste the PRIMARY selection with Shift+Insert.
-const QStringList xtermLikes = {"xterm", "uxterm", "urxvt", "rxvt", "rxvt-unicode"};
-// Terminals where Ctrl+V is a control character and the paste is Ctrl+Shift+V.
-const QStringList terminals = {"gnome-terminal",
-                               "gnome-terminal-server",
-                               "org.gnome.terminal",
-                               "konsole",
-                               "xfce4-terminal",
-                               "kitty",
-                               "alacritty",
-                               "tilix",
-                               "com.gexperts.tilix",
-                               "terminator",
-                               "foot",
-                               "footclient",
-                               "mate-terminal",
-                               "lxterminal",
-                               "qterminal",
-                               "terminology",
-                               "sakura",
-                               "guake",
-                               "tilda",
-                               "st-256color",
-                               "wezterm",
-                               "org.wezfurlong.wezterm"};
-
 bool anyModifierDown(Display *display, const XModifierKeymap *modifiers) {
     char keys[32] = {};
     XQueryKeymap(display, keys);
@@ -136,15 +110,6 @@ private:
 };
 
 } // namespace
-
-X11TextBackend::PasteChord X11TextBackend::pasteChordFor(const QString &windowClass, const QString &windowInstance) {
-    const QString name = windowClass.toLower(), instance = windowInstance.toLower();
-    if (xtermLikes.contains(name) || xtermLikes.contains(instance))
-        return PasteChord::shiftInsert;
-    if (terminals.contains(name) || terminals.contains(instance))
-        return PasteChord::ctrlShiftV;
-    return PasteChord::ctrlV;
-}
 
 X11TextBackend::X11TextBackend() {
     if (QClipboard *clipboard = QGuiApplication::clipboard())
@@ -308,7 +273,7 @@ qint64 X11TextBackend::changeCount() {
     return m_changeCount;
 }
 
-X11TextBackend::PasteChord X11TextBackend::chordForActiveWindow() {
+PasteChord X11TextBackend::chordForActiveWindow() {
     Display *x = display();
     if (!x)
         return PasteChord::ctrlV;

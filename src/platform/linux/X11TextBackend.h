@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/DesktopTextBackend.h"
+#include "platform/linux/PasteChord.h"
 
 #include <QMetaObject>
 #include <memory>
@@ -14,11 +15,6 @@ struct _XDisplay;
 // through AT-SPI. Use on the main thread only: Qt's clipboard lives there.
 class X11TextBackend final : public DesktopTextBackend {
 public:
-    // The keystroke the destination takes as "paste".
-    enum class PasteChord { ctrlV, ctrlShiftV, shiftInsert };
-    // By the destination window's WM_CLASS class or instance name.
-    static PasteChord pasteChordFor(const QString &windowClass, const QString &windowInstance);
-
     X11TextBackend();
     ~X11TextBackend() override;
     X11TextBackend(const X11TextBackend &) = delete;

@@ -20,7 +20,7 @@
 
 PlatformKit makePlatformKit(const Config &config) {
     PlatformKit kit = PlatformKit::fallbacks();
-    kit.hotkey = [](PushToTalkKey key) -> std::unique_ptr<GlobalHotkey> {
+    kit.hotkey = [](PushToTalkKey key, PipelineMode) -> std::unique_ptr<GlobalHotkey> {
         return std::make_unique<PushToTalkHotkey>(key, std::make_shared<MacHotkey>());
     };
     kit.keyDisplayName = [](PushToTalkKey key) { return PhysicalKey::mac(key).displayName; };

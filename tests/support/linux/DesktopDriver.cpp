@@ -45,9 +45,9 @@ QList<std::pair<QByteArray, QByteArray>> clipboardFormats() {
     return formats;
 }
 
-TargetWindow::TargetWindow() {
+TargetWindow::TargetWindow(const QString &platform) {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("QT_QPA_PLATFORM", "xcb");
+    environment.insert("QT_QPA_PLATFORM", platform);
     // The headless desktop enables assistive technology; this spares Qt the bus round trip.
     environment.insert("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
     m_process.setProcessEnvironment(environment);

@@ -30,7 +30,8 @@ QList<std::pair<QByteArray, QByteArray>> clipboardFormats();
 // The window of quorvane_target_window (its header comment lists the commands).
 class TargetWindow {
 public:
-    TargetWindow();
+    // `platform`: Qt's platform plugin, "xcb" or "wayland".
+    explicit TargetWindow(const QString &platform = QStringLiteral("xcb"));
     ~TargetWindow();
     TargetWindow(const TargetWindow &) = delete;
     TargetWindow &operator=(const TargetWindow &) = delete;

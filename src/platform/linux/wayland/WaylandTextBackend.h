@@ -1,0 +1,45 @@
+#pragma once
+
+#include "platform/DesktopTextBackend.h"
+#include "platform/SessionType.h"
+
+#include <QByteArray>
+#include <functional>
+#include <memory>
+
+// Text in a Wayland session: the clipboard through the wlr data-control protocol, the paste chord
+// through a virtual keyboard with a keymap of our own, and the focused element through AT-SPI. It
+// keeps a connection to the compositor of its own, separate from Qt's, dispatched on the main
+// thread; use it there only.
+class WaylandTextBackend final : public DesktopTextBackend {
+public:
+    // The app_id (or X11 class) of the window in front, empty when unknown: picks the paste chord.
+    using DestinationID = std::function<QString()>;
+    // The process of the window in front, when known: where the focused element is looked for.
+    using DestinationProcess = std::function<std::optional<qint32>()>;
+
+    WaylandTextBackend(DestinationID destination, DestinationProcess process);
+    ~WaylandTextBackend() override;
+    WaylandTextBackend(const WaylandTextBackend &) = delete;
+    WaylandTextBackend &operator=(const WaylandTextBackend &) = delete;
+
+    // Which protocols the compositor offers; windowTree is left to the caller.
+    SessionType::WaylandServices services() const;
+
+    bool isTrusted() override;
+    std::unique_ptr<FocusedElement> focusedElement() override;
+    ClipboardSnapshot readClipboard() override;
+    bool writeText(const QString &text) override;
+    void writeClipboard(const ClipboardSnapshot &items) override;
+    qint64 changeCount() override;
+    bool postPasteChord() override;
+
+    struct State;
+
+private:
+    bool offer(const ClipboardItem &formats);
+
+    std::unique_ptr<State> m_state;
+    DestinationID m_destination;
+    DestinationProcess m_process;
+};
