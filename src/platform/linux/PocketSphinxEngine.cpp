@@ -30,6 +30,10 @@ constexpr int kMaxAlternatives = 50;
 constexpr qsizetype kMaxContextualStrings = 40;
 // Long enough for real compounds, short enough that the split search stays trivial.
 constexpr qsizetype kMaxComposedLength = 32;
+// Audio is handed to the decoder in slices cut at fixed offsets from the start of the utterance, and
+// the endpointer is read after each, so where a segment ends does not depend on how capture chunks
+// the stream. 50 ms is finer than any pause worth cutting at.
+constexpr std::size_t kSliceSamples = 800;
 
 // The decoder prints its whole configuration and every utterance's statistics; the log is ours.
 void silenceDecoderLog() {
@@ -148,6 +152,10 @@ public:
         endOpenUtterance();
         m_hints = hints;
         m_failure.clear();
+        m_segments.clear();
+        m_samplesFed = 0;
+        m_segmentHeardSpeech = false;
+        segmentsBeforeRelease = 0;
         teachCompounds(hints);
         // The decoder adapts its channel estimate from utterance to utterance; starting each one from
         // the model's own makes a cancelled or noisy take unable to colour the next.
@@ -161,11 +169,22 @@ public:
     }
 
     void feed(quint64 utterance, const std::vector<float> &samples) {
-        if (!m_open || utterance != m_utterance || utterance != generation.load())
-            return;
         const std::vector<int16> pcm = toPcm(samples);
-        if (ps_process_raw(m_ps, pcm.data(), pcm.size(), FALSE, FALSE) < 0)
-            m_failure = QStringLiteral("the PocketSphinx decoder rejected the audio");
+        std::size_t at = 0;
+        while (at < pcm.size()) {
+            if (!m_open || utterance != m_utterance || utterance != generation.load())
+                return;
+            const std::size_t slice =
+                std::min(pcm.size() - at, kSliceSamples - std::size_t(m_samplesFed % kSliceSamples));
+            if (ps_process_raw(m_ps, pcm.data() + at, slice, FALSE, FALSE) < 0) {
+                m_failure = QStringLiteral("the PocketSphinx decoder rejected the audio");
+                return;
+            }
+            at += slice;
+            m_samplesFed += slice;
+            if (m_samplesFed % kSliceSamples == 0)
+                closeSegmentAtPause();
+        }
     }
 
     QString finish() {
@@ -175,13 +194,10 @@ public:
             return {};
         }
         m_open = false;
-        ps_end_utt(m_ps);
+        closeSegment();
         if (!m_failure.isEmpty())
             throw QuorvaneError::speechModelUnavailable(std::exchange(m_failure, QString()));
-        const QString primary = cleanHypothesis(ps_get_hyp(m_ps, nullptr));
-        if (m_hints.isEmpty() || primary.isEmpty())
-            return primary;
-        return ContextualAlternativeSelector::choose(primary, alternatives(), m_hints);
+        return std::exchange(m_segments, QStringList()).join(QLatin1Char(' '));
     }
 
     void cancel() {
@@ -198,7 +214,41 @@ public:
         return result;
     }
 
+    // Segments of the current utterance closed while audio was still arriving.
+    std::atomic<int> segmentsBeforeRelease{0};
+
 private:
+    // The second pass re-reads everything since the decoder's utterance began, so a pause ends that
+    // utterance: its second pass runs while the user is still speaking and the release waits only
+    // for what followed the last pause. The language model loses its context across the pause,
+    // which a sentence break barely needs.
+    void closeSegmentAtPause() {
+        if (ps_get_in_speech(m_ps)) {
+            m_segmentHeardSpeech = true;
+            return;
+        }
+        if (!m_segmentHeardSpeech)
+            return;
+        closeSegment();
+        ++segmentsBeforeRelease;
+        m_segmentHeardSpeech = false;
+        if (ps_start_utt(m_ps) < 0) {
+            m_open = false;
+            m_failure = QStringLiteral("the PocketSphinx decoder could not start an utterance");
+        }
+    }
+
+    // Hints choose within each segment: the n-best lists of two segments do not combine, and a
+    // phrase a hint names is spoken without a pause inside it.
+    void closeSegment() {
+        ps_end_utt(m_ps);
+        const QString primary = cleanHypothesis(ps_get_hyp(m_ps, nullptr));
+        if (primary.isEmpty())
+            return;
+        m_segments.append(m_hints.isEmpty() ? primary
+                                            : ContextualAlternativeSelector::choose(primary, alternatives(), m_hints));
+    }
+
     void endOpenUtterance() {
         if (m_open)
             ps_end_utt(m_ps);
@@ -255,6 +305,10 @@ private:
     quint64 m_utterance = 0;
     QStringList m_hints;
     QString m_failure;
+    // Texts of the segments closed so far, in order.
+    QStringList m_segments;
+    quint64 m_samplesFed = 0;
+    bool m_segmentHeardSpeech = false;
     // Words already tried, learned or not: each costs a search rebuild at most once.
     QSet<QString> m_taught;
     // Last, so its thread stops before the decoder is freed.
@@ -269,6 +323,10 @@ PocketSphinxEngine::PocketSphinxEngine(QString locale, QString modelDirectory)
     : m_locale(std::move(locale)), m_decoder(std::make_shared<Decoder>(std::move(modelDirectory))) {}
 
 PocketSphinxEngine::~PocketSphinxEngine() = default;
+
+int PocketSphinxEngine::segmentsBeforeRelease() const {
+    return m_decoder->segmentsBeforeRelease.load();
+}
 
 bool PocketSphinxEngine::supportsLocale(const QString &locale) {
     const QString language = locale.section(QRegularExpression(QStringLiteral("[-_]")), 0, 0);
