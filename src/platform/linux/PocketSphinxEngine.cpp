@@ -34,6 +34,7 @@ constexpr qsizetype kMaxComposedLength = 32;
 // the endpointer is read after each, so where a segment ends does not depend on how capture chunks
 // the stream. 50 ms is finer than any pause worth cutting at.
 constexpr std::size_t kSliceSamples = 800;
+constexpr double kSampleRate = 16000;
 
 // The decoder prints its whole configuration and every utterance's statistics; the log is ours.
 void silenceDecoderLog() {
@@ -130,14 +131,15 @@ public:
                                                                        "pocketsphinx-en-us"));
         silenceDecoderLog();
         const QByteArray hmmPath = hmm.toLocal8Bit(), lmPath = lm.toLocal8Bit(), dictPath = dict.toLocal8Bit();
-        // The flat-lexicon second pass re-decodes the whole utterance after it ends; it is what the
-        // release waits for, and it wins back a tenth of the words. Bounding word exits per frame halves
-        // the first pass at no cost in accuracy, so it keeps pace with speech on a busy machine; the
-        // narrower second-pass windows cut a quarter of the wait. Dropping the pass shortens the wait
-        // to a constant but costs whole phrases ("he might have been" heard as "in my head that").
-        m_config =
-            cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", hmmPath.constData(), "-lm", lmPath.constData(), "-dict",
-                        dictPath.constData(), "-maxwpf", "10", "-fwdflatsfwin", "10", "-fwdflatefwid", "8", nullptr);
+        // The flat-lexicon second pass re-decodes a stretch after it ends and wins back a tenth of the
+        // words; dropping it costs whole phrases ("he might have been" heard as "in my head that").
+        // Bounding word exits and active models per frame cuts the first pass by more than half at no
+        // cost in accuracy, so it keeps pace with speech on a busy machine; the narrower second-pass
+        // windows cut a quarter of that pass. The endpointer calls 0.2 s of quiet a pause (it keeps
+        // 0.5 s by default): cutting there leaves the read test sentences' words as they were.
+        m_config = cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", hmmPath.constData(), "-lm", lmPath.constData(),
+                               "-dict", dictPath.constData(), "-maxwpf", "10", "-fwdflatsfwin", "10", "-fwdflatefwid",
+                               "8", "-maxhmmpf", "4000", "-vad_postspeech", "20", nullptr);
         m_ps = m_config ? ps_init(m_config) : nullptr;
         if (!m_ps)
             throw QuorvaneError::speechModelUnavailable(QStringLiteral("the PocketSphinx model in ") +
@@ -154,8 +156,9 @@ public:
         m_failure.clear();
         m_segments.clear();
         m_samplesFed = 0;
+        m_stretchStart = 0;
         m_segmentHeardSpeech = false;
-        segmentsBeforeRelease = 0;
+        lastStretchSeconds = 0;
         teachCompounds(hints);
         // The decoder adapts its channel estimate from utterance to utterance; starting each one from
         // the model's own makes a cancelled or noisy take unable to colour the next.
@@ -194,6 +197,7 @@ public:
             return {};
         }
         m_open = false;
+        lastStretchSeconds = double(m_samplesFed - m_stretchStart) / kSampleRate;
         closeSegment();
         if (!m_failure.isEmpty())
             throw QuorvaneError::speechModelUnavailable(std::exchange(m_failure, QString()));
@@ -214,8 +218,8 @@ public:
         return result;
     }
 
-    // Segments of the current utterance closed while audio was still arriving.
-    std::atomic<int> segmentsBeforeRelease{0};
+    // The audio the latest finished utterance had to decode once it was released.
+    std::atomic<double> lastStretchSeconds{0};
 
 private:
     // The second pass re-reads everything since the decoder's utterance began, so a pause ends that
@@ -230,7 +234,7 @@ private:
         if (!m_segmentHeardSpeech)
             return;
         closeSegment();
-        ++segmentsBeforeRelease;
+        m_stretchStart = m_samplesFed;
         m_segmentHeardSpeech = false;
         if (ps_start_utt(m_ps) < 0) {
             m_open = false;
@@ -308,6 +312,8 @@ private:
     // Texts of the segments closed so far, in order.
     QStringList m_segments;
     quint64 m_samplesFed = 0;
+    // Where the decoder's current utterance began, in samples since the user's began.
+    quint64 m_stretchStart = 0;
     bool m_segmentHeardSpeech = false;
     // Words already tried, learned or not: each costs a search rebuild at most once.
     QSet<QString> m_taught;
@@ -324,8 +330,8 @@ PocketSphinxEngine::PocketSphinxEngine(QString locale, QString modelDirectory)
 
 PocketSphinxEngine::~PocketSphinxEngine() = default;
 
-int PocketSphinxEngine::segmentsBeforeRelease() const {
-    return m_decoder->segmentsBeforeRelease.load();
+double PocketSphinxEngine::lastStretchSeconds() const {
+    return m_decoder->lastStretchSeconds.load();
 }
 
 bool PocketSphinxEngine::supportsLocale(const QString &locale) {

@@ -35,9 +35,9 @@ public:
     // Audio still queued for the dropped utterance is skipped, not decoded.
     QCoro::Task<void> cancelUtterance() override;
 
-    // How many stretches of the latest utterance were closed at pauses while audio still arrived;
-    // the release waits only for the stretch after the last of them.
-    int segmentsBeforeRelease() const;
+    // Stretches of an utterance are closed at pauses while audio still arrives; this is the length
+    // of the one the latest release still had to finish, from the last pause to the end.
+    double lastStretchSeconds() const;
 
     // Any English locale: the one model is US English.
     static bool supportsLocale(const QString &locale);
