@@ -225,7 +225,7 @@ private:
     // The second pass re-reads everything since the decoder's utterance began, so a pause ends that
     // utterance: its second pass runs while the user is still speaking and the release waits only
     // for what followed the last pause. The language model loses its context across the pause,
-    // which a sentence break barely needs.
+    // which on read sentences, breaths included, changed no word.
     void closeSegmentAtPause() {
         if (ps_get_in_speech(m_ps)) {
             m_segmentHeardSpeech = true;
