@@ -30,6 +30,11 @@ constexpr int kMaxAlternatives = 50;
 constexpr qsizetype kMaxContextualStrings = 40;
 // Long enough for real compounds, short enough that the split search stays trivial.
 constexpr qsizetype kMaxComposedLength = 32;
+// Audio is handed to the decoder in slices cut at fixed offsets from the start of the utterance, and
+// the endpointer is read after each, so where a segment ends does not depend on how capture chunks
+// the stream. 50 ms is finer than any pause worth cutting at.
+constexpr std::size_t kSliceSamples = 800;
+constexpr double kSampleRate = 16000;
 
 // The decoder prints its whole configuration and every utterance's statistics; the log is ours.
 void silenceDecoderLog() {
@@ -126,14 +131,15 @@ public:
                                                                        "pocketsphinx-en-us"));
         silenceDecoderLog();
         const QByteArray hmmPath = hmm.toLocal8Bit(), lmPath = lm.toLocal8Bit(), dictPath = dict.toLocal8Bit();
-        // The flat-lexicon second pass re-decodes the whole utterance after it ends; it is what the
-        // release waits for, and it wins back a tenth of the words. Bounding word exits per frame halves
-        // the first pass at no cost in accuracy, so it keeps pace with speech on a busy machine; the
-        // narrower second-pass windows cut a quarter of the wait. Dropping the pass shortens the wait
-        // to a constant but costs whole phrases ("he might have been" heard as "in my head that").
-        m_config =
-            cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", hmmPath.constData(), "-lm", lmPath.constData(), "-dict",
-                        dictPath.constData(), "-maxwpf", "10", "-fwdflatsfwin", "10", "-fwdflatefwid", "8", nullptr);
+        // The flat-lexicon second pass re-decodes a stretch after it ends and wins back a tenth of the
+        // words; dropping it costs whole phrases ("he might have been" heard as "in my head that").
+        // Bounding word exits and active models per frame cuts the first pass by more than half at no
+        // cost in accuracy, so it keeps pace with speech on a busy machine; the narrower second-pass
+        // windows cut a quarter of that pass. The endpointer calls 0.2 s of quiet a pause (it keeps
+        // 0.5 s by default): cutting there leaves the read test sentences' words as they were.
+        m_config = cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", hmmPath.constData(), "-lm", lmPath.constData(),
+                               "-dict", dictPath.constData(), "-maxwpf", "10", "-fwdflatsfwin", "10", "-fwdflatefwid",
+                               "8", "-maxhmmpf", "4000", "-vad_postspeech", "20", nullptr);
         m_ps = m_config ? ps_init(m_config) : nullptr;
         if (!m_ps)
             throw QuorvaneError::speechModelUnavailable(QStringLiteral("the PocketSphinx model in ") +
@@ -148,6 +154,11 @@ public:
         endOpenUtterance();
         m_hints = hints;
         m_failure.clear();
+        m_segments.clear();
+        m_samplesFed = 0;
+        m_stretchStart = 0;
+        m_segmentHeardSpeech = false;
+        lastStretchSeconds = 0;
         teachCompounds(hints);
         // The decoder adapts its channel estimate from utterance to utterance; starting each one from
         // the model's own makes a cancelled or noisy take unable to colour the next.
@@ -161,11 +172,22 @@ public:
     }
 
     void feed(quint64 utterance, const std::vector<float> &samples) {
-        if (!m_open || utterance != m_utterance || utterance != generation.load())
-            return;
         const std::vector<int16> pcm = toPcm(samples);
-        if (ps_process_raw(m_ps, pcm.data(), pcm.size(), FALSE, FALSE) < 0)
-            m_failure = QStringLiteral("the PocketSphinx decoder rejected the audio");
+        std::size_t at = 0;
+        while (at < pcm.size()) {
+            if (!m_open || utterance != m_utterance || utterance != generation.load())
+                return;
+            const std::size_t slice =
+                std::min(pcm.size() - at, kSliceSamples - std::size_t(m_samplesFed % kSliceSamples));
+            if (ps_process_raw(m_ps, pcm.data() + at, slice, FALSE, FALSE) < 0) {
+                m_failure = QStringLiteral("the PocketSphinx decoder rejected the audio");
+                return;
+            }
+            at += slice;
+            m_samplesFed += slice;
+            if (m_samplesFed % kSliceSamples == 0)
+                closeSegmentAtPause();
+        }
     }
 
     QString finish() {
@@ -175,13 +197,11 @@ public:
             return {};
         }
         m_open = false;
-        ps_end_utt(m_ps);
+        lastStretchSeconds = double(m_samplesFed - m_stretchStart) / kSampleRate;
+        closeSegment();
         if (!m_failure.isEmpty())
             throw QuorvaneError::speechModelUnavailable(std::exchange(m_failure, QString()));
-        const QString primary = cleanHypothesis(ps_get_hyp(m_ps, nullptr));
-        if (m_hints.isEmpty() || primary.isEmpty())
-            return primary;
-        return ContextualAlternativeSelector::choose(primary, alternatives(), m_hints);
+        return std::exchange(m_segments, QStringList()).join(QLatin1Char(' '));
     }
 
     void cancel() {
@@ -198,7 +218,41 @@ public:
         return result;
     }
 
+    // The audio the latest finished utterance had to decode once it was released.
+    std::atomic<double> lastStretchSeconds{0};
+
 private:
+    // The second pass re-reads everything since the decoder's utterance began, so a pause ends that
+    // utterance: its second pass runs while the user is still speaking and the release waits only
+    // for what followed the last pause. The language model loses its context across the pause,
+    // which on read sentences, breaths included, changed no word.
+    void closeSegmentAtPause() {
+        if (ps_get_in_speech(m_ps)) {
+            m_segmentHeardSpeech = true;
+            return;
+        }
+        if (!m_segmentHeardSpeech)
+            return;
+        closeSegment();
+        m_stretchStart = m_samplesFed;
+        m_segmentHeardSpeech = false;
+        if (ps_start_utt(m_ps) < 0) {
+            m_open = false;
+            m_failure = QStringLiteral("the PocketSphinx decoder could not start an utterance");
+        }
+    }
+
+    // Hints choose within each segment: the n-best lists of two segments do not combine, and a
+    // phrase a hint names is spoken without a pause inside it.
+    void closeSegment() {
+        ps_end_utt(m_ps);
+        const QString primary = cleanHypothesis(ps_get_hyp(m_ps, nullptr));
+        if (primary.isEmpty())
+            return;
+        m_segments.append(m_hints.isEmpty() ? primary
+                                            : ContextualAlternativeSelector::choose(primary, alternatives(), m_hints));
+    }
+
     void endOpenUtterance() {
         if (m_open)
             ps_end_utt(m_ps);
@@ -255,6 +309,12 @@ private:
     quint64 m_utterance = 0;
     QStringList m_hints;
     QString m_failure;
+    // Texts of the segments closed so far, in order.
+    QStringList m_segments;
+    quint64 m_samplesFed = 0;
+    // Where the decoder's current utterance began, in samples since the user's began.
+    quint64 m_stretchStart = 0;
+    bool m_segmentHeardSpeech = false;
     // Words already tried, learned or not: each costs a search rebuild at most once.
     QSet<QString> m_taught;
     // Last, so its thread stops before the decoder is freed.
@@ -269,6 +329,10 @@ PocketSphinxEngine::PocketSphinxEngine(QString locale, QString modelDirectory)
     : m_locale(std::move(locale)), m_decoder(std::make_shared<Decoder>(std::move(modelDirectory))) {}
 
 PocketSphinxEngine::~PocketSphinxEngine() = default;
+
+double PocketSphinxEngine::lastStretchSeconds() const {
+    return m_decoder->lastStretchSeconds.load();
+}
 
 bool PocketSphinxEngine::supportsLocale(const QString &locale) {
     const QString language = locale.section(QRegularExpression(QStringLiteral("[-_]")), 0, 0);

@@ -35,6 +35,10 @@ public:
     // Audio still queued for the dropped utterance is skipped, not decoded.
     QCoro::Task<void> cancelUtterance() override;
 
+    // Stretches of an utterance are closed at pauses while audio still arrives; this is the length
+    // of the one the latest release still had to finish, from the last pause to the end.
+    double lastStretchSeconds() const;
+
     // Any English locale: the one model is US English.
     static bool supportsLocale(const QString &locale);
 

@@ -14,6 +14,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QtEndian>
+#include <random>
 
 namespace {
 
@@ -89,6 +90,21 @@ double wer(const QString &reference, const QString &hypothesis) {
     return SpeechBenchmarkMetrics::score(reference, hypothesis).wordErrorRate;
 }
 
+// Clips one after another with `pauseSeconds` of quiet room noise between them (a microphone never
+// delivers digital zeros).
+std::vector<float> withPauses(const QList<Clip> &clips, double pauseSeconds) {
+    std::minstd_rand noise(7);
+    std::uniform_real_distribution<float> level(-0.001f, 0.001f);
+    std::vector<float> samples;
+    for (const Clip &clip : clips) {
+        if (!samples.empty())
+            for (int i = 0; i < int(pauseSeconds * 16000); ++i)
+                samples.push_back(level(noise));
+        samples.insert(samples.end(), clip.samples.begin(), clip.samples.end());
+    }
+    return samples;
+}
+
 std::vector<float> firstPart(const std::vector<float> &samples, double fraction) {
     return {samples.begin(), samples.begin() + std::ptrdiff_t(double(samples.size()) * fraction)};
 }
@@ -124,6 +140,34 @@ private slots:
         const Clip clip = librivox(id);
         const QString text = transcribe(*m_engine, clip.samples);
         QVERIFY2(wer(clip.reference, text) <= maxWer, qPrintable(text));
+    }
+
+    // A pause ends a stretch while the user still speaks, so what the release waits for is at most the
+    // last sentence and the pause before it, however many sentences came first.
+    void theReleaseDecodesOnlyWhatFollowsTheLastPause_data() {
+        QTest::addColumn<QStringList>("ids");
+        const QString a = QStringLiteral("sense_and_sensibility_01_austen_64kb-0880");
+        const QString b = QStringLiteral("sense_and_sensibility_01_austen_64kb-0890");
+        const QString c = QStringLiteral("sense_and_sensibility_01_austen_64kb-0920");
+        QTest::newRow("two sentences") << QStringList{a, b};
+        QTest::newRow("three sentences") << QStringList{a, b, c};
+        QTest::newRow("three sentences, long one first") << QStringList{c, b, a};
+    }
+    void theReleaseDecodesOnlyWhatFollowsTheLastPause() {
+        QFETCH(QStringList, ids);
+        constexpr double pause = 1.0;
+        QList<Clip> clips;
+        QStringList references;
+        for (const QString &id : ids) {
+            clips.append(librivox(id));
+            references.append(clips.last().reference);
+        }
+        const QString text = transcribe(*m_engine, withPauses(clips, pause));
+        const double lastSentence = double(clips.last().samples.size()) / 16000;
+        QVERIFY2(m_engine->lastStretchSeconds() > 0, "nothing left at release");
+        QVERIFY2(m_engine->lastStretchSeconds() <= lastSentence + pause,
+                 qPrintable(QString::number(m_engine->lastStretchSeconds())));
+        QVERIFY2(wer(references.join(QLatin1Char(' ')), text) <= 0.4, qPrintable(text));
     }
 
     // However the audio is cut, the decoder sees the same stream.
@@ -204,17 +248,26 @@ private slots:
         QTest::addColumn<QStringList>("hints");
         // Empty: the transcript stays what it is without hints.
         QTest::addColumn<QString>("phraseChosen");
+        // Another sentence follows the clip after a pause, so the choice is made in a stretch that
+        // closes while audio still arrives.
+        QTest::addColumn<bool>("afterAPause");
         QTest::newRow("runner-up phrase")
-            << QStringList{QStringLiteral("illness goes")} << QStringLiteral("illness goes");
-        QTest::newRow("single word is too weak") << QStringList{QStringLiteral("goes")} << QString();
-        QTest::newRow("phrase never heard") << QStringList{QStringLiteral("ill disposed")} << QString();
+            << QStringList{QStringLiteral("illness goes")} << QStringLiteral("illness goes") << false;
+        QTest::newRow("runner-up phrase after a pause")
+            << QStringList{QStringLiteral("illness goes")} << QStringLiteral("illness goes") << true;
+        QTest::newRow("single word is too weak") << QStringList{QStringLiteral("goes")} << QString() << false;
+        QTest::newRow("phrase never heard") << QStringList{QStringLiteral("ill disposed")} << QString() << false;
     }
     void hintsPickAmongTheAlternatives() {
         QFETCH(QStringList, hints);
         QFETCH(QString, phraseChosen);
+        QFETCH(bool, afterAPause);
         const Clip clip = librivox(QStringLiteral("sense_and_sensibility_01_austen_64kb-0880"));
-        const QString plain = transcribe(*m_engine, clip.samples);
-        const QString hinted = transcribe(*m_engine, clip.samples, hints);
+        const std::vector<float> audio =
+            afterAPause ? withPauses({clip, librivox(QStringLiteral("sense_and_sensibility_01_austen_64kb-0920"))}, 1.0)
+                        : clip.samples;
+        const QString plain = transcribe(*m_engine, audio);
+        const QString hinted = transcribe(*m_engine, audio, hints);
         if (phraseChosen.isEmpty()) {
             QCOMPARE(hinted, plain);
             return;
