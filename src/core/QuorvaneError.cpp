@@ -43,42 +43,32 @@ QString QuorvaneError::message() const {
     return {};
 }
 
-QString QuorvaneError::caseName() const {
-    switch (m_case) {
-    case Case::localeUnsupported:
-        return QStringLiteral("localeUnsupported");
-    case Case::speechModelUnavailable:
-        return QStringLiteral("speechModelUnavailable");
-    case Case::formatterUnavailable:
-        return QStringLiteral("formatterUnavailable");
-    case Case::injectionFailed:
-        return QStringLiteral("injectionFailed");
-    case Case::selectionUnavailable:
-        return QStringLiteral("selectionUnavailable");
-    case Case::repositoryUnavailable:
-        return QStringLiteral("repositoryUnavailable");
-    case Case::agentUnavailable:
-        return QStringLiteral("agentUnavailable");
-    case Case::agentHandoffFailed:
-        return QStringLiteral("agentHandoffFailed");
-    case Case::noAudioInput:
-        return QStringLiteral("noAudioInput");
-    case Case::audioFormatUnsupported:
-        return QStringLiteral("audioFormatUnsupported");
-    case Case::microphoneDenied:
-        return QStringLiteral("microphoneDenied");
-    case Case::accessibilityDenied:
-        return QStringLiteral("accessibilityDenied");
-    case Case::formatterTimedOut:
-        return QStringLiteral("formatterTimedOut");
-    case Case::destinationChanged:
-        return QStringLiteral("destinationChanged");
-    case Case::noTextSelected:
-        return QStringLiteral("noTextSelected");
-    case Case::secureTextSelected:
-        return QStringLiteral("secureTextSelected");
-    case Case::selectionChanged:
-        return QStringLiteral("selectionChanged");
-    }
-    return {};
+namespace {
+
+using Case = QuorvaneError::Case;
+
+constexpr NamedCase<Case> caseNames[] = {
+    {Case::localeUnsupported, "localeUnsupported"},
+    {Case::speechModelUnavailable, "speechModelUnavailable"},
+    {Case::formatterUnavailable, "formatterUnavailable"},
+    {Case::injectionFailed, "injectionFailed"},
+    {Case::selectionUnavailable, "selectionUnavailable"},
+    {Case::repositoryUnavailable, "repositoryUnavailable"},
+    {Case::agentUnavailable, "agentUnavailable"},
+    {Case::agentHandoffFailed, "agentHandoffFailed"},
+    {Case::noAudioInput, "noAudioInput"},
+    {Case::audioFormatUnsupported, "audioFormatUnsupported"},
+    {Case::microphoneDenied, "microphoneDenied"},
+    {Case::accessibilityDenied, "accessibilityDenied"},
+    {Case::formatterTimedOut, "formatterTimedOut"},
+    {Case::destinationChanged, "destinationChanged"},
+    {Case::noTextSelected, "noTextSelected"},
+    {Case::secureTextSelected, "secureTextSelected"},
+    {Case::selectionChanged, "selectionChanged"},
+};
+
+} // namespace
+
+std::span<const NamedCase<Case>> namedCases(Case) {
+    return caseNames;
 }

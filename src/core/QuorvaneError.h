@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/EnumNames.h"
+
 #include <QString>
 #include <exception>
 #include <string>
@@ -27,14 +29,15 @@ public:
         selectionChanged,
     };
 
+    // Named as written in logs ("formatterTimedOut").
+    friend std::span<const NamedCase<Case>> namedCases(Case);
+
     explicit QuorvaneError(Case errorCase, QString detail = {});
 
     Case errorCase() const { return m_case; }
     const QString &detail() const { return m_detail; }
     // The user-facing sentence.
     QString message() const;
-    // The case name as written in logs ("formatterTimedOut").
-    QString caseName() const;
     const char *what() const noexcept override { return m_what.c_str(); }
 
     bool operator==(const QuorvaneError &other) const { return m_case == other.m_case && m_detail == other.m_detail; }

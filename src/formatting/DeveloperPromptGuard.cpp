@@ -27,6 +27,18 @@ QSet<QString> toSet(const QStringList &list) {
     return QSet<QString>(list.begin(), list.end());
 }
 
+constexpr NamedCase<Verdict> verdictNames[] = {
+    {Verdict::accepted, "accepted"},
+    {Verdict::formatterDisabled, "formatterDisabled"},
+    {Verdict::formatterFailed, "formatterFailed"},
+    {Verdict::rejectedInvalidStructure, "rejectedInvalidStructure"},
+    {Verdict::rejectedModelResponse, "rejectedModelResponse"},
+    {Verdict::rejectedTooLong, "rejectedTooLong"},
+    {Verdict::rejectedContentLoss, "rejectedContentLoss"},
+    {Verdict::rejectedProtectedContent, "rejectedProtectedContent"},
+    {Verdict::rejectedMeaningChange, "rejectedMeaningChange"},
+};
+
 } // namespace
 
 DeveloperPromptDocument DeveloperPromptGuard::fallbackDocument(const QString &raw) {
@@ -110,28 +122,8 @@ DeveloperPromptGuard::Decision DeveloperPromptGuard::evaluate(const QString &raw
     return {document->rendered(), Verdict::accepted};
 }
 
-QString DeveloperPromptGuard::verdictName(Verdict verdict) {
-    switch (verdict) {
-    case Verdict::accepted:
-        return QStringLiteral("accepted");
-    case Verdict::formatterDisabled:
-        return QStringLiteral("formatterDisabled");
-    case Verdict::formatterFailed:
-        return QStringLiteral("formatterFailed");
-    case Verdict::rejectedInvalidStructure:
-        return QStringLiteral("rejectedInvalidStructure");
-    case Verdict::rejectedModelResponse:
-        return QStringLiteral("rejectedModelResponse");
-    case Verdict::rejectedTooLong:
-        return QStringLiteral("rejectedTooLong");
-    case Verdict::rejectedContentLoss:
-        return QStringLiteral("rejectedContentLoss");
-    case Verdict::rejectedProtectedContent:
-        return QStringLiteral("rejectedProtectedContent");
-    case Verdict::rejectedMeaningChange:
-        return QStringLiteral("rejectedMeaningChange");
-    }
-    return {};
+std::span<const NamedCase<Verdict>> namedCases(Verdict) {
+    return verdictNames;
 }
 
 const QStringList &DeveloperPromptGuard::metaPhrases() {

@@ -30,6 +30,17 @@ Limits limits(RewriteCommand command) {
     return {1.0, 0.0, 1.0};
 }
 
+constexpr NamedCase<Verdict> verdictNames[] = {
+    {Verdict::accepted, "accepted"},
+    {Verdict::rejectedEmpty, "rejectedEmpty"},
+    {Verdict::rejectedNoChange, "rejectedNoChange"},
+    {Verdict::rejectedModelResponse, "rejectedModelResponse"},
+    {Verdict::rejectedTooLong, "rejectedTooLong"},
+    {Verdict::rejectedTooShort, "rejectedTooShort"},
+    {Verdict::rejectedProtectedContent, "rejectedProtectedContent"},
+    {Verdict::rejectedMeaningChange, "rejectedMeaningChange"},
+};
+
 } // namespace
 
 double RewriteGuard::maxLengthRatio(RewriteCommand command) {
@@ -118,26 +129,8 @@ QSet<QString> RewriteGuard::protectedTokens(const QString &input, const QStringL
     return tokens;
 }
 
-QString RewriteGuard::verdictName(Verdict verdict) {
-    switch (verdict) {
-    case Verdict::accepted:
-        return QStringLiteral("accepted");
-    case Verdict::rejectedEmpty:
-        return QStringLiteral("rejectedEmpty");
-    case Verdict::rejectedNoChange:
-        return QStringLiteral("rejectedNoChange");
-    case Verdict::rejectedModelResponse:
-        return QStringLiteral("rejectedModelResponse");
-    case Verdict::rejectedTooLong:
-        return QStringLiteral("rejectedTooLong");
-    case Verdict::rejectedTooShort:
-        return QStringLiteral("rejectedTooShort");
-    case Verdict::rejectedProtectedContent:
-        return QStringLiteral("rejectedProtectedContent");
-    case Verdict::rejectedMeaningChange:
-        return QStringLiteral("rejectedMeaningChange");
-    }
-    return {};
+std::span<const NamedCase<Verdict>> namedCases(Verdict) {
+    return verdictNames;
 }
 
 const QStringList &RewriteGuard::modelResponsePrefixes() {

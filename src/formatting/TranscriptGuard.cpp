@@ -5,14 +5,12 @@
 #include "formatting/GuardText.h"
 
 #include <QTextBoundaryFinder>
-#include <array>
-#include <utility>
 
 namespace {
 
 using Verdict = TranscriptGuard::Verdict;
 
-const std::array<std::pair<Verdict, const char *>, 9> verdictNames{{
+constexpr NamedCase<Verdict> verdictNames[] = {
     {Verdict::accepted, "accepted"},
     {Verdict::skippedTooShort, "skippedTooShort"},
     {Verdict::rejectedEmpty, "rejectedEmpty"},
@@ -22,9 +20,13 @@ const std::array<std::pair<Verdict, const char *>, 9> verdictNames{{
     {Verdict::rejectedRefusal, "rejectedRefusal"},
     {Verdict::formatterFailed, "formatterFailed"},
     {Verdict::formatterDisabled, "formatterDisabled"},
-}};
+};
 
 } // namespace
+
+std::span<const NamedCase<Verdict>> namedCases(Verdict) {
+    return verdictNames;
+}
 
 TranscriptGuard TranscriptGuard::fromConfig(const Config &config) {
     TranscriptGuard guard;
@@ -128,22 +130,6 @@ QString TranscriptGuard::lightlyPunctuate(const QString &text) {
     if (!marks.contains(trimmed.mid(lastStart)))
         result += QLatin1Char('.');
     return result;
-}
-
-QString TranscriptGuard::verdictName(Verdict verdict) {
-    for (const auto &[value, name] : verdictNames) {
-        if (value == verdict)
-            return QString::fromLatin1(name);
-    }
-    return {};
-}
-
-std::optional<TranscriptGuard::Verdict> TranscriptGuard::verdictFromName(const QString &name) {
-    for (const auto &[value, text] : verdictNames) {
-        if (name == QLatin1String(text))
-            return value;
-    }
-    return std::nullopt;
 }
 
 const QStringList &TranscriptGuard::refusalMarkers() {

@@ -654,8 +654,8 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDictation(RunTicket ticket, QString r
             formatted = *outcome.value;
             decision = TranscriptGuard::fromConfig(m_config).evaluate(raw, formatted);
             if (decision.verdict != Verdict::accepted)
-                Log::warn(QStringLiteral("Guard overruled the formatter (") +
-                          TranscriptGuard::verdictName(decision.verdict) + QStringLiteral(")"));
+                Log::warn(QStringLiteral("Guard overruled the formatter (") + toName(decision.verdict) +
+                          QStringLiteral(")"));
         }
     }
 
@@ -683,8 +683,8 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDictation(RunTicket ticket, QString r
     m_latency.record(sinceRelease());
     if (m_config.learnVocabulary)
         m_learner->ingest(shipped);
-    Utterance utterance = makeUtterance(raw, formatted.isEmpty() ? shipped : formatted, shipped,
-                                        TranscriptGuard::verdictName(decision.verdict), timings);
+    Utterance utterance =
+        makeUtterance(raw, formatted.isEmpty() ? shipped : formatted, shipped, toName(decision.verdict), timings);
     if (m_config.retainAudio)
         utterance.audioFile = retainCurrentAudio();
     if (m_config.retainHistory)
@@ -736,8 +736,8 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runEditCommand(RunTicket ticket, QString
     const RewriteGuard::Decision decision =
         RewriteGuard::evaluate(selection.text, *outcome.value, chosen, context.vocabulary);
     if (decision.verdict != RewriteGuard::Verdict::accepted) {
-        Log::warn(QStringLiteral("Rewrite guard kept the original selection (") +
-                  RewriteGuard::verdictName(decision.verdict) + QStringLiteral(")"));
+        Log::warn(QStringLiteral("Rewrite guard kept the original selection (") + toName(decision.verdict) +
+                  QStringLiteral(")"));
         notify(QStringLiteral("Unsafe rewrite blocked"),
                QStringLiteral("Quorvane kept the original text because the rewrite changed protected content or "
                               "meaning."));
@@ -817,8 +817,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDeveloperPrompt(RunTicket ticket, QSt
         compiled = *outcome.value;
         decision = DeveloperPromptGuard::evaluate(raw, compiled, context.vocabulary, context.repositoryPromptContext);
         if (decision.verdict != Verdict::accepted) {
-            Log::warn(QStringLiteral("Prompt guard used the lossless fallback ") +
-                      DeveloperPromptGuard::verdictName(decision.verdict));
+            Log::warn(QStringLiteral("Prompt guard used the lossless fallback ") + toName(decision.verdict));
             notify(simplified,
                    QStringLiteral("The model changed protected content, so Quorvane kept your request verbatim."));
         }
@@ -831,7 +830,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::deliverPrompt(RunTicket ticket, QString 
                                                       std::optional<RepositoryContext> repository, Timings timings) {
     using Verdict = DeveloperPromptGuard::Verdict;
     const QString prompt = decision.text;
-    const QString verdictName = DeveloperPromptGuard::verdictName(decision.verdict);
+    const QString verdictName = toName(decision.verdict);
     const std::optional<AgentKind> agent = agentKind(m_config.promptDestination);
 
     const qint64 deliveryStarted = m_scheduler.nowMs();

@@ -81,7 +81,7 @@ public:
     static QString recordingLimitLabel(qint64 seconds);
     // The formatter's time budget for a text of `words` words: longer texts earn 50 ms a word past
     // twenty, up to the configuration's ceiling. `maxBase` caps the configured timeout first.
-    static qint64 formatterBudget(const Config &config, qint64 words, qint64 maxBase = 15000);
+    static qint64 formatterBudget(const Config &config, qint64 words, qint64 maxBase = Config::maxFormatterTimeoutMS);
 
 private:
     // How a run ended: the state to show and, for a delivered dictation, its history entry.

@@ -1,17 +1,24 @@
 #include "pipeline/PipelineState.h"
 
+namespace {
+
+using Kind = PipelineState::Kind;
+
+constexpr NamedCase<Kind> kindNames[] = {
+    {Kind::error, "error"},
+    {Kind::idle, "idle"},
+    {Kind::recording, "recording"},
+    {Kind::thinking, "thinking"},
+};
+
+} // namespace
+
+std::span<const NamedCase<Kind>> namedCases(Kind) {
+    return kindNames;
+}
+
 QString PipelineState::description() const {
-    switch (kind) {
-    case Kind::error:
-        return QStringLiteral("error: ") + message;
-    case Kind::idle:
-        return QStringLiteral("idle");
-    case Kind::recording:
-        return QStringLiteral("recording");
-    case Kind::thinking:
-        return QStringLiteral("thinking");
-    }
-    return {};
+    return kind == Kind::error ? toName(kind) + QStringLiteral(": ") + message : toName(kind);
 }
 
 QString displayName(PipelineMode mode) {

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "core/EnumNames.h"
+
 #include <QString>
 
 // What the pipeline is doing; the shell draws the tray icon and the overlay from it.
 struct PipelineState {
     enum class Kind { error, idle, recording, thinking };
+    friend std::span<const NamedCase<Kind>> namedCases(Kind);
 
     Kind kind = Kind::idle;
     // The message shown; only an error carries one.

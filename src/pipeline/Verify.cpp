@@ -145,7 +145,7 @@ QCoro::Task<int> run(QString wavPath, QString locale, NativeEngines native) {
         }
     }
     const qint64 formatMs = wholeMilliseconds(formatTimer);
-    const QString verdict = TranscriptGuard::verdictName(decision.verdict);
+    const QString verdict = toName(decision.verdict);
 
     if (proposal && verdict.startsWith(QLatin1String("rejected"))) {
         print(QStringLiteral("  \u26A0\uFE0E guard overruled the model (") + verdict +
