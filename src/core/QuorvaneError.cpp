@@ -1,25 +1,25 @@
 #include "core/QuorvaneError.h"
 
 QuorvaneError::QuorvaneError(Case errorCase, QString detail)
-    : m_case(errorCase), m_detail(std::move(detail)), m_what(message().toStdString()) {}
+    : DescribedError(messageFor(errorCase, detail)), m_case(errorCase), m_detail(std::move(detail)) {}
 
-QString QuorvaneError::message() const {
-    switch (m_case) {
+QString QuorvaneError::messageFor(Case errorCase, const QString &detail) {
+    switch (errorCase) {
     case Case::localeUnsupported:
-        return QStringLiteral("On-device speech recognition does not support ") + m_detail;
+        return QStringLiteral("On-device speech recognition does not support ") + detail;
     case Case::speechModelUnavailable:
-        return QStringLiteral("The speech model is unavailable: ") + m_detail;
+        return QStringLiteral("The speech model is unavailable: ") + detail;
     case Case::formatterUnavailable:
-        return QStringLiteral("The formatting model is unavailable: ") + m_detail;
+        return QStringLiteral("The formatting model is unavailable: ") + detail;
     case Case::injectionFailed:
-        return QStringLiteral("Could not insert text: ") + m_detail;
+        return QStringLiteral("Could not insert text: ") + detail;
     case Case::selectionUnavailable:
-        return QStringLiteral("This app did not expose an editable text selection (") + m_detail + QStringLiteral(").");
+        return QStringLiteral("This app did not expose an editable text selection (") + detail + QStringLiteral(").");
     case Case::repositoryUnavailable:
     case Case::agentUnavailable:
-        return m_detail;
+        return detail;
     case Case::agentHandoffFailed:
-        return QStringLiteral("Could not hand off the prompt: ") + m_detail;
+        return QStringLiteral("Could not hand off the prompt: ") + detail;
     case Case::noAudioInput:
         return QStringLiteral("No audio input device is available.");
     case Case::audioFormatUnsupported:

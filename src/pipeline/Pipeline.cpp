@@ -14,7 +14,7 @@
 #include "formatting/RewriteGuard.h"
 #include "formatting/TranscriptGuard.h"
 #include "pipeline/EngineChoice.h"
-#include "pipeline/ErrorText.h"
+#include "core/DescribedError.h"
 #include "pipeline/StockPhrases.h"
 #include "speech/RecognitionContextBuilder.h"
 

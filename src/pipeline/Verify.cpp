@@ -1,11 +1,11 @@
 #include "pipeline/Verify.h"
 
 #include "core/Config.h"
+#include "core/DescribedError.h"
 #include "core/Paths.h"
 #include "formatting/PassthroughFormatter.h"
 #include "formatting/TranscriptGuard.h"
 #include "history/Store.h"
-#include "pipeline/ErrorText.h"
 #include "speech/AudioFeed.h"
 #include "speech/LinearAudioResampler.h"
 #include "speech/WavDecoder.h"
