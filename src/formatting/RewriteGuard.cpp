@@ -30,17 +30,6 @@ Limits limits(RewriteCommand command) {
     return {1.0, 0.0, 1.0};
 }
 
-constexpr NamedCase<Verdict> verdictNames[] = {
-    {Verdict::accepted, "accepted"},
-    {Verdict::rejectedEmpty, "rejectedEmpty"},
-    {Verdict::rejectedNoChange, "rejectedNoChange"},
-    {Verdict::rejectedModelResponse, "rejectedModelResponse"},
-    {Verdict::rejectedTooLong, "rejectedTooLong"},
-    {Verdict::rejectedTooShort, "rejectedTooShort"},
-    {Verdict::rejectedProtectedContent, "rejectedProtectedContent"},
-    {Verdict::rejectedMeaningChange, "rejectedMeaningChange"},
-};
-
 } // namespace
 
 double RewriteGuard::maxLengthRatio(RewriteCommand command) {
@@ -130,7 +119,17 @@ QSet<QString> RewriteGuard::protectedTokens(const QString &input, const QStringL
 }
 
 std::span<const NamedCase<Verdict>> namedCases(Verdict) {
-    return verdictNames;
+    static constexpr NamedCase<Verdict> cases[] = {
+        {Verdict::accepted, "accepted"},
+        {Verdict::rejectedEmpty, "rejectedEmpty"},
+        {Verdict::rejectedNoChange, "rejectedNoChange"},
+        {Verdict::rejectedModelResponse, "rejectedModelResponse"},
+        {Verdict::rejectedTooLong, "rejectedTooLong"},
+        {Verdict::rejectedTooShort, "rejectedTooShort"},
+        {Verdict::rejectedProtectedContent, "rejectedProtectedContent"},
+        {Verdict::rejectedMeaningChange, "rejectedMeaningChange"},
+    };
+    return cases;
 }
 
 const QStringList &RewriteGuard::modelResponsePrefixes() {
@@ -142,21 +141,16 @@ const QStringList &RewriteGuard::modelResponsePrefixes() {
 }
 
 const QList<QRegularExpression> &RewriteGuard::protectedPatterns() {
+    using namespace GuardText::ProtectedPattern;
     static const QList<QRegularExpression> patterns{
-        // web addresses
-        GuardText::compiled(QStringLiteral(R"(https?://[^\s<>()]+)")),
-        // e-mail addresses
-        GuardText::compiled(QStringLiteral(R"([A-Za-z0-9._%+-]+@[A-Za-z0-9.-]+\.[A-Za-z]{2,})")),
-        // paths
-        GuardText::compiled(QStringLiteral(R"((?:[A-Za-z0-9_.-]+/)+[A-Za-z0-9_.-]+)")),
-        // snake_case identifiers
-        GuardText::compiled(QStringLiteral(R"(\b[A-Za-z][A-Za-z0-9]*_[A-Za-z0-9_]+\b)")),
-        // acronyms and constants
-        GuardText::compiled(QStringLiteral(R"(\b[A-Z]{2,}[A-Za-z0-9_]*\b)")),
+        GuardText::compiled(QLatin1String(webAddress)),
+        GuardText::compiled(QLatin1String(emailAddress)),
+        GuardText::compiled(QLatin1String(path)),
+        GuardText::compiled(QLatin1String(snakeCaseIdentifier)),
+        GuardText::compiled(QLatin1String(acronym)),
         // upper-case codes with digits
         GuardText::compiled(QStringLiteral(R"(\b[A-Z][A-Z0-9_]*\d[A-Z0-9_]*\b)")),
-        // numbers and times
-        GuardText::compiled(QStringLiteral(R"(\b\d+(?::\d+)?\b)")),
+        GuardText::compiled(QLatin1String(numberOrTime)),
     };
     return patterns;
 }
