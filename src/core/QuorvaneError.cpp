@@ -43,32 +43,27 @@ QString QuorvaneError::messageFor(Case errorCase, const QString &detail) {
     return {};
 }
 
-namespace {
-
 using Case = QuorvaneError::Case;
 
-constexpr NamedCase<Case> caseNames[] = {
-    {Case::localeUnsupported, "localeUnsupported"},
-    {Case::speechModelUnavailable, "speechModelUnavailable"},
-    {Case::formatterUnavailable, "formatterUnavailable"},
-    {Case::injectionFailed, "injectionFailed"},
-    {Case::selectionUnavailable, "selectionUnavailable"},
-    {Case::repositoryUnavailable, "repositoryUnavailable"},
-    {Case::agentUnavailable, "agentUnavailable"},
-    {Case::agentHandoffFailed, "agentHandoffFailed"},
-    {Case::noAudioInput, "noAudioInput"},
-    {Case::audioFormatUnsupported, "audioFormatUnsupported"},
-    {Case::microphoneDenied, "microphoneDenied"},
-    {Case::accessibilityDenied, "accessibilityDenied"},
-    {Case::formatterTimedOut, "formatterTimedOut"},
-    {Case::destinationChanged, "destinationChanged"},
-    {Case::noTextSelected, "noTextSelected"},
-    {Case::secureTextSelected, "secureTextSelected"},
-    {Case::selectionChanged, "selectionChanged"},
-};
-
-} // namespace
-
 std::span<const NamedCase<Case>> namedCases(Case) {
-    return caseNames;
+    static constexpr NamedCase<Case> cases[] = {
+        {Case::localeUnsupported, "localeUnsupported"},
+        {Case::speechModelUnavailable, "speechModelUnavailable"},
+        {Case::formatterUnavailable, "formatterUnavailable"},
+        {Case::injectionFailed, "injectionFailed"},
+        {Case::selectionUnavailable, "selectionUnavailable"},
+        {Case::repositoryUnavailable, "repositoryUnavailable"},
+        {Case::agentUnavailable, "agentUnavailable"},
+        {Case::agentHandoffFailed, "agentHandoffFailed"},
+        {Case::noAudioInput, "noAudioInput"},
+        {Case::audioFormatUnsupported, "audioFormatUnsupported"},
+        {Case::microphoneDenied, "microphoneDenied"},
+        {Case::accessibilityDenied, "accessibilityDenied"},
+        {Case::formatterTimedOut, "formatterTimedOut"},
+        {Case::destinationChanged, "destinationChanged"},
+        {Case::noTextSelected, "noTextSelected"},
+        {Case::secureTextSelected, "secureTextSelected"},
+        {Case::selectionChanged, "selectionChanged"},
+    };
+    return cases;
 }

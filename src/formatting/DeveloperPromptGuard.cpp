@@ -27,18 +27,6 @@ QSet<QString> toSet(const QStringList &list) {
     return QSet<QString>(list.begin(), list.end());
 }
 
-constexpr NamedCase<Verdict> verdictNames[] = {
-    {Verdict::accepted, "accepted"},
-    {Verdict::formatterDisabled, "formatterDisabled"},
-    {Verdict::formatterFailed, "formatterFailed"},
-    {Verdict::rejectedInvalidStructure, "rejectedInvalidStructure"},
-    {Verdict::rejectedModelResponse, "rejectedModelResponse"},
-    {Verdict::rejectedTooLong, "rejectedTooLong"},
-    {Verdict::rejectedContentLoss, "rejectedContentLoss"},
-    {Verdict::rejectedProtectedContent, "rejectedProtectedContent"},
-    {Verdict::rejectedMeaningChange, "rejectedMeaningChange"},
-};
-
 } // namespace
 
 DeveloperPromptDocument DeveloperPromptGuard::fallbackDocument(const QString &raw) {
@@ -123,7 +111,18 @@ DeveloperPromptGuard::Decision DeveloperPromptGuard::evaluate(const QString &raw
 }
 
 std::span<const NamedCase<Verdict>> namedCases(Verdict) {
-    return verdictNames;
+    static constexpr NamedCase<Verdict> cases[] = {
+        {Verdict::accepted, "accepted"},
+        {Verdict::formatterDisabled, "formatterDisabled"},
+        {Verdict::formatterFailed, "formatterFailed"},
+        {Verdict::rejectedInvalidStructure, "rejectedInvalidStructure"},
+        {Verdict::rejectedModelResponse, "rejectedModelResponse"},
+        {Verdict::rejectedTooLong, "rejectedTooLong"},
+        {Verdict::rejectedContentLoss, "rejectedContentLoss"},
+        {Verdict::rejectedProtectedContent, "rejectedProtectedContent"},
+        {Verdict::rejectedMeaningChange, "rejectedMeaningChange"},
+    };
+    return cases;
 }
 
 const QStringList &DeveloperPromptGuard::metaPhrases() {

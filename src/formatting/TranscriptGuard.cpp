@@ -6,26 +6,21 @@
 
 #include <QTextBoundaryFinder>
 
-namespace {
-
 using Verdict = TranscriptGuard::Verdict;
 
-constexpr NamedCase<Verdict> verdictNames[] = {
-    {Verdict::accepted, "accepted"},
-    {Verdict::skippedTooShort, "skippedTooShort"},
-    {Verdict::rejectedEmpty, "rejectedEmpty"},
-    {Verdict::rejectedTooLong, "rejectedTooLong"},
-    {Verdict::rejectedContentLoss, "rejectedContentLoss"},
-    {Verdict::rejectedInvention, "rejectedInvention"},
-    {Verdict::rejectedRefusal, "rejectedRefusal"},
-    {Verdict::formatterFailed, "formatterFailed"},
-    {Verdict::formatterDisabled, "formatterDisabled"},
-};
-
-} // namespace
-
 std::span<const NamedCase<Verdict>> namedCases(Verdict) {
-    return verdictNames;
+    static constexpr NamedCase<Verdict> cases[] = {
+        {Verdict::accepted, "accepted"},
+        {Verdict::skippedTooShort, "skippedTooShort"},
+        {Verdict::rejectedEmpty, "rejectedEmpty"},
+        {Verdict::rejectedTooLong, "rejectedTooLong"},
+        {Verdict::rejectedContentLoss, "rejectedContentLoss"},
+        {Verdict::rejectedInvention, "rejectedInvention"},
+        {Verdict::rejectedRefusal, "rejectedRefusal"},
+        {Verdict::formatterFailed, "formatterFailed"},
+        {Verdict::formatterDisabled, "formatterDisabled"},
+    };
+    return cases;
 }
 
 TranscriptGuard TranscriptGuard::fromConfig(const Config &config) {
@@ -58,7 +53,9 @@ TranscriptGuard::Decision TranscriptGuard::evaluate(const QString &raw, const QS
     if (!rawWords.isEmpty()) {
         const double ratio = double(outputWords.size()) / double(rawWords.size());
         // A very short utterance may gain a few words ("ok thanks" → "Okay, thanks so much.").
-        const qsizetype slack = rawWords.size() < 5 ? 3 : 0;
+        constexpr qsizetype shortUtteranceWords = 5;
+        constexpr qsizetype shortUtteranceSlack = 3;
+        const qsizetype slack = rawWords.size() < shortUtteranceWords ? shortUtteranceSlack : 0;
         if (ratio > maxLengthRatio && outputWords.size() > rawWords.size() + slack)
             return fallback(raw, Verdict::rejectedTooLong);
 

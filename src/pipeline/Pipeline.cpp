@@ -1,6 +1,7 @@
 #include "pipeline/Pipeline.h"
 
 #include "core/Async.h"
+#include "core/DescribedError.h"
 #include "core/Log.h"
 #include "core/OffThread.h"
 #include "core/Paths.h"
@@ -14,7 +15,6 @@
 #include "formatting/RewriteGuard.h"
 #include "formatting/TranscriptGuard.h"
 #include "pipeline/EngineChoice.h"
-#include "core/DescribedError.h"
 #include "pipeline/StockPhrases.h"
 #include "speech/RecognitionContextBuilder.h"
 
@@ -156,9 +156,12 @@ QCoro::Task<void> Pipeline::prepare() {
     if (!self)
         co_return;
     if (outcome.timedOut()) {
-        Log::error(QStringLiteral("ASR preparation timed out after 30s. It will retry on first dictation."));
-        Terminal::tell(QStringLiteral("The speech engine did not get ready within 30 s; Quorvane tries again at the "
-                                      "first dictation."));
+        const qint64 seconds = preparationLimitMs / 1000;
+        Log::error(
+            QStringLiteral("ASR preparation timed out after %1s. It will retry on first dictation.").arg(seconds));
+        Terminal::tell(QStringLiteral("The speech engine did not get ready within %1 s; Quorvane tries again at the "
+                                      "first dictation.")
+                           .arg(seconds));
         setState(PipelineState::error(QStringLiteral("Speech model preparation timed out.")));
     } else if (outcome.error) {
         const QString description = describeError(outcome.error);
@@ -796,7 +799,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDeveloperPrompt(RunTicket ticket, QSt
         decision = DeveloperPromptGuard::fallback(raw, Verdict::formatterDisabled);
         co_return co_await deliverPrompt(ticket, raw, compiled, decision, repository, timings);
     }
-    const qint64 budget = formatterBudget(m_config, TranscriptGuard::words(raw).size(), 1800);
+    const qint64 budget = formatterBudget(m_config, TranscriptGuard::words(raw).size(), promptBaseLimitMs);
     const qint64 started = m_scheduler.nowMs();
     const auto outcome = co_await withTimeout<QString>(
         budget, [formatter, raw, context] { return formatter->compileDeveloperPrompt(raw, context); }, m_scheduler);

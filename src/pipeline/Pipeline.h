@@ -30,6 +30,9 @@ class Pipeline : public QObject {
 public:
     static constexpr qint64 minimumHoldMs = 250;
     static constexpr qint64 preparationLimitMs = 30000;
+    // The base of a prompt compilation's budget, whatever the formatter setting: the request is
+    // delivered verbatim anyway when the model is slow.
+    static constexpr qint64 promptBaseLimitMs = 1800;
     // Peak level below which a recording counts as near-silence.
     static constexpr float silentPeak = 0.01f;
 

@@ -1,34 +1,26 @@
 #include "pipeline/PipelineState.h"
 
-namespace {
-
 using Kind = PipelineState::Kind;
 
-constexpr NamedCase<Kind> kindNames[] = {
-    {Kind::error, "error"},
-    {Kind::idle, "idle"},
-    {Kind::recording, "recording"},
-    {Kind::thinking, "thinking"},
-};
-
-} // namespace
-
 std::span<const NamedCase<Kind>> namedCases(Kind) {
-    return kindNames;
+    static constexpr NamedCase<Kind> cases[] = {
+        {Kind::error, "error"},
+        {Kind::idle, "idle"},
+        {Kind::recording, "recording"},
+        {Kind::thinking, "thinking"},
+    };
+    return cases;
 }
 
 QString PipelineState::description() const {
     return kind == Kind::error ? toName(kind) + QStringLiteral(": ") + message : toName(kind);
 }
 
-QString displayName(PipelineMode mode) {
-    switch (mode) {
-    case PipelineMode::dictation:
-        return QStringLiteral("Dictation");
-    case PipelineMode::editSelection:
-        return QStringLiteral("Edit in Place");
-    case PipelineMode::developerPrompt:
-        return QStringLiteral("Prompt Mode");
-    }
-    return {};
+std::span<const NamedCase<PipelineMode>> namedCases(PipelineMode) {
+    static constexpr NamedCase<PipelineMode> cases[] = {
+        {PipelineMode::dictation, "dictation", "Dictation"},
+        {PipelineMode::editSelection, "editSelection", "Edit in Place"},
+        {PipelineMode::developerPrompt, "developerPrompt", "Prompt Mode"},
+    };
+    return cases;
 }

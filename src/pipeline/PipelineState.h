@@ -26,5 +26,5 @@ struct PipelineState {
 // The three push-to-talk keys' modes.
 enum class PipelineMode { dictation, editSelection, developerPrompt };
 
-// "Dictation", "Edit in Place", "Prompt Mode".
-QString displayName(PipelineMode mode);
+// Shown as "Dictation", "Edit in Place", "Prompt Mode".
+std::span<const NamedCase<PipelineMode>> namedCases(PipelineMode);

@@ -28,9 +28,6 @@ public:
     Case errorCase() const { return m_case; }
     // The detail of `unsupported`; empty for the other cases.
     const QString &message() const { return m_message; }
-    // The text shown to the user.
-    QString errorDescription() const { return text(); }
-
 private:
     static QString describe(Case errorCase, const QString &message);
 
