@@ -1,8 +1,8 @@
 #include "app/SettingsApplier.h"
 
 #include "core/Async.h"
+#include "core/DescribedError.h"
 #include "core/Log.h"
-#include "pipeline/ErrorText.h"
 #include "pipeline/Pipeline.h"
 #include "platform/GlobalHotkey.h"
 

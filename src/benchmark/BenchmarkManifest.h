@@ -1,12 +1,12 @@
 #pragma once
 
+#include "core/DescribedError.h"
+
 #include <QJsonObject>
 #include <QList>
 #include <QString>
 #include <QStringList>
-#include <exception>
 #include <optional>
-#include <string>
 
 struct BenchmarkClip {
     QString id;
@@ -22,16 +22,13 @@ struct BenchmarkClip {
 // A dataset to score: clips with their reference texts, and where the recordings come from.
 struct BenchmarkManifest {
     // Every problem found, one sentence each, naming the clip concerned.
-    class Invalid : public std::exception {
+    class Invalid : public DescribedError {
     public:
-        explicit Invalid(const QStringList &problems)
-            : m_problems(problems), m_what(problems.join(u'\n').toStdString()) {}
+        explicit Invalid(const QStringList &problems) : DescribedError(problems.join(u'\n')), m_problems(problems) {}
         const QStringList &problems() const { return m_problems; }
-        const char *what() const noexcept override { return m_what.c_str(); }
 
     private:
         QStringList m_problems;
-        std::string m_what;
     };
 
     QString path;

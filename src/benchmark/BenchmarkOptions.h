@@ -1,25 +1,19 @@
 #pragma once
 
+#include "core/DescribedError.h"
+
 #include <QString>
 #include <QStringList>
-#include <exception>
 #include <optional>
-#include <string>
 
 // The command line of `quorvane benchmark`.
 struct BenchmarkOptions {
     enum class Engine { fromSettings, whisper, native };
 
     // A command line we cannot act on; the message says what is wrong with it.
-    class UsageError : public std::exception {
+    class UsageError : public DescribedError {
     public:
-        explicit UsageError(const QString &message) : m_message(message), m_what(message.toStdString()) {}
-        const QString &message() const { return m_message; }
-        const char *what() const noexcept override { return m_what.c_str(); }
-
-    private:
-        QString m_message;
-        std::string m_what;
+        using DescribedError::DescribedError;
     };
 
     QString manifestPath;

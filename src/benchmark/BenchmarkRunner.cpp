@@ -1,6 +1,6 @@
 #include "benchmark/BenchmarkRunner.h"
 
-#include "pipeline/ErrorText.h"
+#include "core/DescribedError.h"
 #include "speech/AudioFeed.h"
 #include "speech/LinearAudioResampler.h"
 #include "speech/WavDecoder.h"

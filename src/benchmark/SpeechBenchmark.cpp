@@ -7,9 +7,9 @@
 #include "benchmark/BenchmarkRunner.h"
 #include "core/AppInfo.h"
 #include "core/Config.h"
+#include "core/DescribedError.h"
 #include "core/Paths.h"
 #include "pipeline/EngineChoice.h"
-#include "pipeline/ErrorText.h"
 #include "speech/WhisperServerEngine.h"
 
 #include <QDateTime>
@@ -136,7 +136,7 @@ QCoro::Task<int> run(QStringList arguments, NativeEngineFactory nativeFactory) {
     try {
         options = BenchmarkOptions::parse(arguments);
     } catch (const BenchmarkOptions::UsageError &error) {
-        co_return usageError(error.message());
+        co_return usageError(error.text());
     }
     if (options.help) {
         print(stdout, BenchmarkOptions::usage());

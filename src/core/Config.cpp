@@ -11,108 +11,60 @@
 #include <QJsonDocument>
 #include <QSaveFile>
 #include <cmath>
-#include <limits>
+#include <type_traits>
 
 namespace {
 
-template <typename E> struct EnumCase {
-    E value;
-    const char *raw;
-    const char *display;
-};
-
-const EnumCase<PushToTalkKey> pushToTalkKeys[] = {
+constexpr NamedCase<PushToTalkKey> pushToTalkKeys[] = {
     {PushToTalkKey::rightOption, "rightOption", "Right Option (\u2325)"},
     {PushToTalkKey::rightCommand, "rightCommand", "Right Command (\u2318)"},
     {PushToTalkKey::fn, "fn", "Fn / Globe"},
 };
-const EnumCase<AsrKind> asrKinds[] = {
+constexpr NamedCase<AsrKind> asrKinds[] = {
     {AsrKind::appleSpeech, "appleSpeech", "On-device speech recognition"},
     {AsrKind::whisperServer, "whisperServer", "whisper.cpp server"},
 };
-const EnumCase<FormatterKind> formatterKinds[] = {
+constexpr NamedCase<FormatterKind> formatterKinds[] = {
     {FormatterKind::appleFoundation, "appleFoundation", "On-device language model"},
     {FormatterKind::ollama, "ollama", "Ollama"},
     {FormatterKind::none, "none", "No formatting"},
 };
-const EnumCase<PromptDestination> promptDestinations[] = {
+constexpr NamedCase<PromptDestination> promptDestinations[] = {
     {PromptDestination::focusedApp, "focusedApp", "Focused app"},
     {PromptDestination::codex, "codex", "Codex"},
     {PromptDestination::claude, "claude", "Claude Code"},
 };
 
-template <typename E> const auto &table();
-template <> const auto &table<PushToTalkKey>() {
-    return pushToTalkKeys;
-}
-template <> const auto &table<AsrKind>() {
-    return asrKinds;
-}
-template <> const auto &table<FormatterKind>() {
-    return formatterKinds;
-}
-template <> const auto &table<PromptDestination>() {
-    return promptDestinations;
+// Each decoder yields nullopt for a missing, null or mistyped value, which then takes its default.
+template <typename T> std::optional<T> decodeValue(const QJsonValue &value) {
+    static_assert(std::is_enum_v<T>);
+    return value.isString() ? fromName<T>(value.toString()) : std::nullopt;
 }
 
-template <typename E> const EnumCase<E> &entry(E value) {
-    for (const auto &candidate : table<E>())
-        if (candidate.value == value)
-            return candidate;
-    return table<E>()[0];
-}
-
-// Each reader yields nullopt for a missing, null or mistyped value, which then takes its default.
-std::optional<bool> readBool(const QJsonObject &object, const char *key) {
-    const QJsonValue value = object.value(QLatin1String(key));
+template <> std::optional<bool> decodeValue(const QJsonValue &value) {
     return value.isBool() ? std::optional<bool>(value.toBool()) : std::nullopt;
 }
 
-std::optional<QString> readString(const QJsonObject &object, const char *key);
-
-// A local endpoint, or the default. https is refused here, with its reason, rather than later by a
-// client that could only report the server as missing.
-QString readEndpoint(const QJsonObject &object, const char *key, const QString &fallback) {
-    const QString value = readString(object, key).value_or(fallback);
-    const QUrl url(value, QUrl::StrictMode);
-    if (url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) == 0) {
-        Log::warn(QStringLiteral("Settings: %1 %2 is not used because local servers are reached over plain http "
-                                 "only; using %3.")
-                      .arg(QLatin1String(key), value, fallback));
-        return fallback;
-    }
-    return LocalServiceEndpoint::resolve(value, fallback).toString();
-}
-
-std::optional<QString> readString(const QJsonObject &object, const char *key) {
-    const QJsonValue value = object.value(QLatin1String(key));
+template <> std::optional<QString> decodeValue(const QJsonValue &value) {
     return value.isString() ? std::optional<QString>(value.toString()) : std::nullopt;
 }
 
-std::optional<double> readDouble(const QJsonObject &object, const char *key) {
-    const QJsonValue value = object.value(QLatin1String(key));
+template <> std::optional<double> decodeValue(const QJsonValue &value) {
     return value.isDouble() ? std::optional<double>(value.toDouble()) : std::nullopt;
 }
 
-std::optional<qint64> readInteger(const QJsonObject &object, const char *key) {
-    const QJsonValue value = object.value(QLatin1String(key));
+template <> std::optional<qint64> decodeValue(const QJsonValue &value) {
     if (!value.isDouble())
         return std::nullopt;
     const double number = value.toDouble();
     // A fractional or out-of-range number is not an integer.
-    if (!std::isfinite(number) || std::trunc(number) != number || number < -9.2233720368547758e18 ||
-        number >= 9.2233720368547758e18)
+    constexpr double limit = 9.2233720368547758e18;
+    if (!std::isfinite(number) || std::trunc(number) != number || number < -limit || number >= limit)
         return std::nullopt;
     return value.toInteger(static_cast<qint64>(number));
 }
 
-template <typename E> std::optional<E> readEnum(const QJsonObject &object, const char *key) {
-    const auto raw = readString(object, key);
-    return raw ? fromRawValue<E>(*raw) : std::nullopt;
-}
-
-std::optional<QStringList> readStringList(const QJsonObject &object, const char *key) {
-    const QJsonValue value = object.value(QLatin1String(key));
+template <> std::optional<QStringList> decodeValue(const QJsonValue &value) {
     if (!value.isArray())
         return std::nullopt;
     QStringList list;
@@ -124,22 +76,135 @@ std::optional<QStringList> readStringList(const QJsonObject &object, const char 
     return list;
 }
 
-std::optional<QList<AppRule>> readAppRules(const QJsonObject &object) {
-    const QJsonValue value = object.value(QLatin1String("appRules"));
+// Decoded whole: one malformed rule brings back the defaults.
+template <> std::optional<QList<AppRule>> decodeValue(const QJsonValue &value) {
     if (!value.isArray())
         return std::nullopt;
     QList<AppRule> rules;
     for (const QJsonValue &element : value.toArray()) {
-        if (!element.isObject())
-            return std::nullopt;
-        const auto prefix = readString(element.toObject(), "bundleIDPrefix");
-        const auto style = readString(element.toObject(), "styleInstruction");
-        if (!prefix || !style)
+        const auto prefix = decodeValue<QString>(element[QLatin1String("bundleIDPrefix")]);
+        const auto style = decodeValue<QString>(element[QLatin1String("styleInstruction")]);
+        if (!element.isObject() || !prefix || !style)
             return std::nullopt;
         rules.append({*prefix, *style});
     }
     return rules;
 }
+
+template <typename T> QJsonValue encodeValue(const T &value) {
+    if constexpr (std::is_enum_v<T>)
+        return toName(value);
+    else
+        return value;
+}
+
+template <> QJsonValue encodeValue(const QStringList &value) {
+    return QJsonArray::fromStringList(value);
+}
+
+template <> QJsonValue encodeValue(const QList<AppRule> &rules) {
+    QJsonArray array;
+    for (const AppRule &rule : rules)
+        array.append(QJsonObject{{QStringLiteral("bundleIDPrefix"), rule.bundleIDPrefix},
+                                 {QStringLiteral("styleInstruction"), rule.styleInstruction}});
+    return array;
+}
+
+template <typename> struct Field;
+template <typename T> struct Field<T Config::*> { using Type = T; };
+template <typename T> struct Field<std::optional<T> Config::*> {
+    using Type = T;
+    static constexpr bool optional = true;
+};
+template <typename M>
+concept OptionalField = Field<M>::optional;
+
+// A repair turns any well-typed value into an acceptable one; `fallback` is the key's default.
+template <qint64 low, qint64 high> qint64 clampedTo(qint64 value, const qint64 &, const char *) {
+    return std::clamp(value, low, high);
+}
+
+// A local endpoint, or the default. https is refused here, with its reason, rather than later by a
+// client that could only report the server as missing.
+QString localEndpoint(QString value, const QString &fallback, const char *key) {
+    const QUrl url(value, QUrl::StrictMode);
+    if (url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) == 0) {
+        Log::warn(QStringLiteral("Settings: %1 %2 is not used because local servers are reached over plain http "
+                                 "only; using %3.")
+                      .arg(QLatin1String(key), value, fallback));
+        return fallback;
+    }
+    return LocalServiceEndpoint::resolve(value, fallback).toString();
+}
+
+// How one key is read, repaired and written. Reading starts from the defaults, so a key that is
+// missing or does not decode keeps its default; an absent optional key is omitted when written.
+struct Setting {
+    const char *key;
+    void (*read)(const QJsonValue &value, Config &config, const char *key);
+    void (*write)(const Config &config, QJsonObject &object, const char *key);
+};
+
+template <auto member, auto repair = nullptr> constexpr Setting setting(const char *key) {
+    using M = decltype(member);
+    using T = typename Field<M>::Type;
+    Setting result{key, nullptr, nullptr};
+    if constexpr (OptionalField<M>) {
+        result.read = [](const QJsonValue &value, Config &config, const char *) {
+            config.*member = decodeValue<T>(value);
+        };
+        result.write = [](const Config &config, QJsonObject &object, const char *name) {
+            if (config.*member)
+                object.insert(QLatin1String(name), encodeValue(*(config.*member)));
+        };
+    } else {
+        result.read = [](const QJsonValue &value, Config &config, const char *name) {
+            T decoded = decodeValue<T>(value).value_or(config.*member);
+            if constexpr (!std::is_null_pointer_v<decltype(repair)>)
+                decoded = repair(decoded, config.*member, name);
+            config.*member = decoded;
+        };
+        result.write = [](const Config &config, QJsonObject &object, const char *name) {
+            object.insert(QLatin1String(name), encodeValue(config.*member));
+        };
+    }
+    return result;
+}
+
+// The JSON key is the field's name, so it is spelled once.
+#define QUORVANE_SETTING(field, ...) setting<&Config::field __VA_OPT__(, ) __VA_ARGS__>(#field)
+
+constexpr Setting settings[] = {
+    QUORVANE_SETTING(pushToTalkKey),
+    QUORVANE_SETTING(editKey),
+    QUORVANE_SETTING(promptKey),
+    QUORVANE_SETTING(repositoryContextEnabled),
+    QUORVANE_SETTING(pinnedRepositoryPath),
+    QUORVANE_SETTING(promptDestination),
+    QUORVANE_SETTING(asr),
+    QUORVANE_SETTING(formatter),
+    QUORVANE_SETTING(ollamaModel),
+    QUORVANE_SETTING(ollamaEndpoint, localEndpoint),
+    QUORVANE_SETTING(whisperEndpoint, localEndpoint),
+    QUORVANE_SETTING(locale),
+    QUORVANE_SETTING(voiceProcessingEnabled),
+    QUORVANE_SETTING(captureCommand),
+    QUORVANE_SETTING(formatterTimeoutMS, clampedTo<Config::minFormatterTimeoutMS, Config::maxFormatterTimeoutMS>),
+    QUORVANE_SETTING(maximumRecordingSeconds, clampedTo<Config::minRecordingSeconds, Config::maxRecordingSeconds>),
+    QUORVANE_SETTING(guardMinContentRetention),
+    QUORVANE_SETTING(guardMaxLengthRatio),
+    QUORVANE_SETTING(guardMinWordsForLLM),
+    QUORVANE_SETTING(retainAudio),
+    QUORVANE_SETTING(retainHistory),
+    QUORVANE_SETTING(learnVocabulary),
+    QUORVANE_SETTING(playSounds),
+    QUORVANE_SETTING(showOverlay),
+    QUORVANE_SETTING(didCompleteOnboarding),
+    QUORVANE_SETTING(launchAtLogin),
+    QUORVANE_SETTING(appRules),
+};
+
+#undef QUORVANE_SETTING
 
 PushToTalkKey firstFreeKey(std::initializer_list<PushToTalkKey> taken) {
     for (PushToTalkKey key : allCases<PushToTalkKey>())
@@ -148,55 +213,29 @@ PushToTalkKey firstFreeKey(std::initializer_list<PushToTalkKey> taken) {
     return PushToTalkKey::fn;
 }
 
+// Three keys for three modes: a key taken by an earlier mode moves to the first free one.
+void makeModeKeysDistinct(Config &c) {
+    if (c.editKey == c.pushToTalkKey)
+        c.editKey =
+            c.pushToTalkKey == PushToTalkKey::rightOption ? PushToTalkKey::rightCommand : PushToTalkKey::rightOption;
+    if (c.promptKey == c.pushToTalkKey || c.promptKey == c.editKey)
+        c.promptKey = firstFreeKey({c.pushToTalkKey, c.editKey});
+}
+
 } // namespace
 
-QString rawValue(PushToTalkKey value) {
-    return QString::fromUtf8(entry(value).raw);
+std::span<const NamedCase<PushToTalkKey>> namedCases(PushToTalkKey) {
+    return pushToTalkKeys;
 }
-QString rawValue(AsrKind value) {
-    return QString::fromUtf8(entry(value).raw);
+std::span<const NamedCase<AsrKind>> namedCases(AsrKind) {
+    return asrKinds;
 }
-QString rawValue(FormatterKind value) {
-    return QString::fromUtf8(entry(value).raw);
+std::span<const NamedCase<FormatterKind>> namedCases(FormatterKind) {
+    return formatterKinds;
 }
-QString rawValue(PromptDestination value) {
-    return QString::fromUtf8(entry(value).raw);
+std::span<const NamedCase<PromptDestination>> namedCases(PromptDestination) {
+    return promptDestinations;
 }
-QString displayName(PushToTalkKey value) {
-    return QString::fromUtf8(entry(value).display);
-}
-QString displayName(AsrKind value) {
-    return QString::fromUtf8(entry(value).display);
-}
-QString displayName(FormatterKind value) {
-    return QString::fromUtf8(entry(value).display);
-}
-QString displayName(PromptDestination value) {
-    return QString::fromUtf8(entry(value).display);
-}
-
-template <typename E> std::optional<E> fromRawValue(const QString &raw) {
-    for (const auto &candidate : table<E>())
-        if (raw == QLatin1String(candidate.raw))
-            return candidate.value;
-    return std::nullopt;
-}
-
-template <typename E> QList<E> allCases() {
-    QList<E> cases;
-    for (const auto &candidate : table<E>())
-        cases.append(candidate.value);
-    return cases;
-}
-
-template std::optional<PushToTalkKey> fromRawValue<PushToTalkKey>(const QString &);
-template std::optional<AsrKind> fromRawValue<AsrKind>(const QString &);
-template std::optional<FormatterKind> fromRawValue<FormatterKind>(const QString &);
-template std::optional<PromptDestination> fromRawValue<PromptDestination>(const QString &);
-template QList<PushToTalkKey> allCases<PushToTalkKey>();
-template QList<AsrKind> allCases<AsrKind>();
-template QList<FormatterKind> allCases<FormatterKind>();
-template QList<PromptDestination> allCases<PromptDestination>();
 
 const QList<SpeechLocaleChoice> &SpeechLocaleChoice::all() {
     static const QList<SpeechLocaleChoice> choices = {
@@ -215,9 +254,9 @@ const QList<SpeechLocaleChoice> &SpeechLocaleChoice::all() {
 
 const QList<RecordingLimitChoice> &RecordingLimitChoice::all() {
     static const QList<RecordingLimitChoice> choices = {
-        {60, QStringLiteral("1 minute")},
-        {180, QStringLiteral("3 minutes")},
-        {300, QStringLiteral("5 minutes")},
+        {Config::minRecordingSeconds, QStringLiteral("1 minute")},
+        {Config::defaultRecordingSeconds, QStringLiteral("3 minutes")},
+        {Config::maxRecordingSeconds, QStringLiteral("5 minutes")},
     };
     return choices;
 }
@@ -237,41 +276,12 @@ QList<AppRule> Config::defaultAppRules() {
     };
 }
 
-Config Config::fromJson(const QJsonObject &o) {
-    Config c;
-    c.pushToTalkKey = readEnum<PushToTalkKey>(o, "pushToTalkKey").value_or(PushToTalkKey::rightOption);
-    c.editKey = readEnum<PushToTalkKey>(o, "editKey").value_or(PushToTalkKey::rightCommand);
-    if (c.editKey == c.pushToTalkKey)
-        c.editKey =
-            c.pushToTalkKey == PushToTalkKey::rightOption ? PushToTalkKey::rightCommand : PushToTalkKey::rightOption;
-    c.promptKey = readEnum<PushToTalkKey>(o, "promptKey").value_or(PushToTalkKey::fn);
-    if (c.promptKey == c.pushToTalkKey || c.promptKey == c.editKey)
-        c.promptKey = firstFreeKey({c.pushToTalkKey, c.editKey});
-    c.repositoryContextEnabled = readBool(o, "repositoryContextEnabled").value_or(true);
-    c.pinnedRepositoryPath = readString(o, "pinnedRepositoryPath");
-    c.promptDestination = readEnum<PromptDestination>(o, "promptDestination").value_or(PromptDestination::focusedApp);
-    c.asr = readEnum<AsrKind>(o, "asr").value_or(AsrKind::appleSpeech);
-    c.formatter = readEnum<FormatterKind>(o, "formatter").value_or(FormatterKind::appleFoundation);
-    c.ollamaModel = readString(o, "ollamaModel").value_or(c.ollamaModel);
-    c.ollamaEndpoint = readEndpoint(o, "ollamaEndpoint", defaultOllamaEndpoint());
-    c.whisperEndpoint = readEndpoint(o, "whisperEndpoint", defaultWhisperEndpoint());
-    c.locale = readString(o, "locale").value_or(c.locale);
-    c.voiceProcessingEnabled = readBool(o, "voiceProcessingEnabled").value_or(true);
-    c.captureCommand = readStringList(o, "captureCommand");
-    c.formatterTimeoutMS = std::clamp<qint64>(readInteger(o, "formatterTimeoutMS").value_or(2500), 250, 15000);
-    c.maximumRecordingSeconds = std::clamp<qint64>(readInteger(o, "maximumRecordingSeconds").value_or(180), 60, 300);
-    c.guardMinContentRetention = readDouble(o, "guardMinContentRetention").value_or(0.6);
-    c.guardMaxLengthRatio = readDouble(o, "guardMaxLengthRatio").value_or(2.5);
-    c.guardMinWordsForLLM = readInteger(o, "guardMinWordsForLLM").value_or(2);
-    c.retainAudio = readBool(o, "retainAudio").value_or(false);
-    c.retainHistory = readBool(o, "retainHistory").value_or(false);
-    c.learnVocabulary = readBool(o, "learnVocabulary").value_or(true);
-    c.playSounds = readBool(o, "playSounds").value_or(true);
-    c.showOverlay = readBool(o, "showOverlay").value_or(true);
-    c.didCompleteOnboarding = readBool(o, "didCompleteOnboarding").value_or(false);
-    c.launchAtLogin = readBool(o, "launchAtLogin").value_or(false);
-    c.appRules = readAppRules(o).value_or(defaultAppRules());
-    return c;
+Config Config::fromJson(const QJsonObject &object) {
+    Config config;
+    for (const Setting &setting : settings)
+        setting.read(object.value(QLatin1String(setting.key)), config, setting.key);
+    makeModeKeysDistinct(config);
+    return config;
 }
 
 std::optional<Config> Config::decode(const QByteArray &json) {
@@ -283,41 +293,10 @@ std::optional<Config> Config::decode(const QByteArray &json) {
 }
 
 QJsonObject Config::toJson() const {
-    QJsonObject o;
-    o.insert(QStringLiteral("pushToTalkKey"), rawValue(pushToTalkKey));
-    o.insert(QStringLiteral("editKey"), rawValue(editKey));
-    o.insert(QStringLiteral("promptKey"), rawValue(promptKey));
-    o.insert(QStringLiteral("repositoryContextEnabled"), repositoryContextEnabled);
-    if (pinnedRepositoryPath)
-        o.insert(QStringLiteral("pinnedRepositoryPath"), *pinnedRepositoryPath);
-    o.insert(QStringLiteral("promptDestination"), rawValue(promptDestination));
-    o.insert(QStringLiteral("asr"), rawValue(asr));
-    o.insert(QStringLiteral("formatter"), rawValue(formatter));
-    o.insert(QStringLiteral("ollamaModel"), ollamaModel);
-    o.insert(QStringLiteral("ollamaEndpoint"), ollamaEndpoint);
-    o.insert(QStringLiteral("whisperEndpoint"), whisperEndpoint);
-    o.insert(QStringLiteral("locale"), locale);
-    o.insert(QStringLiteral("voiceProcessingEnabled"), voiceProcessingEnabled);
-    if (captureCommand)
-        o.insert(QStringLiteral("captureCommand"), QJsonArray::fromStringList(*captureCommand));
-    o.insert(QStringLiteral("formatterTimeoutMS"), formatterTimeoutMS);
-    o.insert(QStringLiteral("maximumRecordingSeconds"), maximumRecordingSeconds);
-    o.insert(QStringLiteral("guardMinContentRetention"), guardMinContentRetention);
-    o.insert(QStringLiteral("guardMaxLengthRatio"), guardMaxLengthRatio);
-    o.insert(QStringLiteral("guardMinWordsForLLM"), guardMinWordsForLLM);
-    o.insert(QStringLiteral("retainAudio"), retainAudio);
-    o.insert(QStringLiteral("retainHistory"), retainHistory);
-    o.insert(QStringLiteral("learnVocabulary"), learnVocabulary);
-    o.insert(QStringLiteral("playSounds"), playSounds);
-    o.insert(QStringLiteral("showOverlay"), showOverlay);
-    o.insert(QStringLiteral("didCompleteOnboarding"), didCompleteOnboarding);
-    o.insert(QStringLiteral("launchAtLogin"), launchAtLogin);
-    QJsonArray rules;
-    for (const AppRule &rule : appRules)
-        rules.append(QJsonObject{{QStringLiteral("bundleIDPrefix"), rule.bundleIDPrefix},
-                                 {QStringLiteral("styleInstruction"), rule.styleInstruction}});
-    o.insert(QStringLiteral("appRules"), rules);
-    return o;
+    QJsonObject object;
+    for (const Setting &setting : settings)
+        setting.write(*this, object, setting.key);
+    return object;
 }
 
 QByteArray Config::encode() const {
@@ -382,10 +361,13 @@ std::optional<QString> AppRule::styleFor(const QList<AppRule> &rules, const std:
 }
 
 qint64 Config::formatterTimeoutCeiling(qint64 base) const {
+    // A slow model gets up to six times the setting, never more than the largest setting allowed.
+    constexpr qint64 factor = 6;
+    constexpr qint64 ceiling = maxFormatterTimeoutMS;
     const qint64 t = formatterTimeoutMS;
     if (t <= 0)
-        return std::min<qint64>(std::max<qint64>(base, 6), 15000);
-    if (t >= 2500)
-        return 15000;
-    return std::max<qint64>(6 * t, std::min<qint64>(std::max<qint64>(base, 1), 15000));
+        return std::min(std::max(base, factor), ceiling);
+    if (t >= ceiling / factor)
+        return ceiling;
+    return std::max(factor * t, std::min<qint64>(std::max<qint64>(base, 1), ceiling));
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/EnumNames.h"
+
 #include <QJsonObject>
 #include <QList>
 #include <QString>
@@ -11,19 +13,11 @@ enum class AsrKind { appleSpeech, whisperServer };
 enum class FormatterKind { appleFoundation, ollama, none };
 enum class PromptDestination { focusedApp, codex, claude };
 
-// Stored form (the case name) and shown form of each choice; every enumeration lists its cases in
-// their menu order.
-QString rawValue(PushToTalkKey value);
-QString rawValue(AsrKind value);
-QString rawValue(FormatterKind value);
-QString rawValue(PromptDestination value);
-QString displayName(PushToTalkKey value);
-QString displayName(AsrKind value);
-QString displayName(FormatterKind value);
-QString displayName(PromptDestination value);
-
-template <typename E> std::optional<E> fromRawValue(const QString &raw);
-template <typename E> QList<E> allCases();
+// Each is stored as its case name and shown under its display name, cases in menu order.
+std::span<const NamedCase<PushToTalkKey>> namedCases(PushToTalkKey);
+std::span<const NamedCase<AsrKind>> namedCases(AsrKind);
+std::span<const NamedCase<FormatterKind>> namedCases(FormatterKind);
+std::span<const NamedCase<PromptDestination>> namedCases(PromptDestination);
 
 struct AppRule {
     QString bundleIDPrefix;
@@ -48,6 +42,14 @@ struct RecordingLimitChoice {
 
 // Every user setting. Decoding never fails key by key: a bad or missing key takes its default.
 struct Config {
+    // Limits a loaded value is clamped to; the formatter's is also the ceiling of its whole budget.
+    static constexpr qint64 minFormatterTimeoutMS = 250;
+    static constexpr qint64 defaultFormatterTimeoutMS = 2500;
+    static constexpr qint64 maxFormatterTimeoutMS = 15000;
+    static constexpr qint64 minRecordingSeconds = 60;
+    static constexpr qint64 defaultRecordingSeconds = 180;
+    static constexpr qint64 maxRecordingSeconds = 300;
+
     PushToTalkKey pushToTalkKey = PushToTalkKey::rightOption;
     PushToTalkKey editKey = PushToTalkKey::rightCommand;
     PushToTalkKey promptKey = PushToTalkKey::fn;
@@ -62,8 +64,8 @@ struct Config {
     QString locale = QStringLiteral("en-US");
     bool voiceProcessingEnabled = true;
     std::optional<QStringList> captureCommand;
-    qint64 formatterTimeoutMS = 2500;
-    qint64 maximumRecordingSeconds = 180;
+    qint64 formatterTimeoutMS = defaultFormatterTimeoutMS;
+    qint64 maximumRecordingSeconds = defaultRecordingSeconds;
     double guardMinContentRetention = 0.6;
     double guardMaxLengthRatio = 2.5;
     qint64 guardMinWordsForLLM = 2;

@@ -1,13 +1,13 @@
 #pragma once
 
+#include "core/DescribedError.h"
+
 #include <QByteArray>
 #include <QCoro/QCoroTask>
 #include <QJsonDocument>
 #include <QNetworkReply>
 #include <QString>
 #include <QUrl>
-#include <exception>
-#include <string>
 
 // HTTP to the local model and speech servers: no proxy (what we send must not leave the machine),
 // no redirects, a transfer time-out on every request, one connection per request. Plain http only.
@@ -16,30 +16,23 @@
 class LoopbackHttp {
 public:
     // The exchange failed below HTTP (refused, reset, timed out); callers pass it on unchanged.
-    class TransportError : public std::exception {
+    class TransportError : public DescribedError {
     public:
-        TransportError(QNetworkReply::NetworkError code, const QString &text)
-            : m_code(code), m_text(text), m_what(text.toStdString()) {}
+        TransportError(QNetworkReply::NetworkError code, const QString &text) : DescribedError(text), m_code(code) {}
         QNetworkReply::NetworkError code() const { return m_code; }
-        const QString &text() const { return m_text; }
-        const char *what() const noexcept override { return m_what.c_str(); }
+        QString description() const override { return QStringLiteral("no answer from the local server: ") + text(); }
 
     private:
         QNetworkReply::NetworkError m_code;
-        QString m_text;
-        std::string m_what;
     };
 
     // A body that should have been JSON and is not.
-    class ParseError : public std::exception {
+    class ParseError : public DescribedError {
     public:
-        explicit ParseError(const QString &text) : m_text(text), m_what(text.toStdString()) {}
-        const QString &text() const { return m_text; }
-        const char *what() const noexcept override { return m_what.c_str(); }
-
-    private:
-        QString m_text;
-        std::string m_what;
+        using DescribedError::DescribedError;
+        QString description() const override {
+            return QStringLiteral("the local server's answer was not JSON: ") + text();
+        }
     };
 
     // Any HTTP answer, whatever its status.

@@ -1,25 +1,25 @@
 #include "core/QuorvaneError.h"
 
 QuorvaneError::QuorvaneError(Case errorCase, QString detail)
-    : m_case(errorCase), m_detail(std::move(detail)), m_what(message().toStdString()) {}
+    : DescribedError(messageFor(errorCase, detail)), m_case(errorCase), m_detail(std::move(detail)) {}
 
-QString QuorvaneError::message() const {
-    switch (m_case) {
+QString QuorvaneError::messageFor(Case errorCase, const QString &detail) {
+    switch (errorCase) {
     case Case::localeUnsupported:
-        return QStringLiteral("On-device speech recognition does not support ") + m_detail;
+        return QStringLiteral("On-device speech recognition does not support ") + detail;
     case Case::speechModelUnavailable:
-        return QStringLiteral("The speech model is unavailable: ") + m_detail;
+        return QStringLiteral("The speech model is unavailable: ") + detail;
     case Case::formatterUnavailable:
-        return QStringLiteral("The formatting model is unavailable: ") + m_detail;
+        return QStringLiteral("The formatting model is unavailable: ") + detail;
     case Case::injectionFailed:
-        return QStringLiteral("Could not insert text: ") + m_detail;
+        return QStringLiteral("Could not insert text: ") + detail;
     case Case::selectionUnavailable:
-        return QStringLiteral("This app did not expose an editable text selection (") + m_detail + QStringLiteral(").");
+        return QStringLiteral("This app did not expose an editable text selection (") + detail + QStringLiteral(").");
     case Case::repositoryUnavailable:
     case Case::agentUnavailable:
-        return m_detail;
+        return detail;
     case Case::agentHandoffFailed:
-        return QStringLiteral("Could not hand off the prompt: ") + m_detail;
+        return QStringLiteral("Could not hand off the prompt: ") + detail;
     case Case::noAudioInput:
         return QStringLiteral("No audio input device is available.");
     case Case::audioFormatUnsupported:
@@ -43,42 +43,27 @@ QString QuorvaneError::message() const {
     return {};
 }
 
-QString QuorvaneError::caseName() const {
-    switch (m_case) {
-    case Case::localeUnsupported:
-        return QStringLiteral("localeUnsupported");
-    case Case::speechModelUnavailable:
-        return QStringLiteral("speechModelUnavailable");
-    case Case::formatterUnavailable:
-        return QStringLiteral("formatterUnavailable");
-    case Case::injectionFailed:
-        return QStringLiteral("injectionFailed");
-    case Case::selectionUnavailable:
-        return QStringLiteral("selectionUnavailable");
-    case Case::repositoryUnavailable:
-        return QStringLiteral("repositoryUnavailable");
-    case Case::agentUnavailable:
-        return QStringLiteral("agentUnavailable");
-    case Case::agentHandoffFailed:
-        return QStringLiteral("agentHandoffFailed");
-    case Case::noAudioInput:
-        return QStringLiteral("noAudioInput");
-    case Case::audioFormatUnsupported:
-        return QStringLiteral("audioFormatUnsupported");
-    case Case::microphoneDenied:
-        return QStringLiteral("microphoneDenied");
-    case Case::accessibilityDenied:
-        return QStringLiteral("accessibilityDenied");
-    case Case::formatterTimedOut:
-        return QStringLiteral("formatterTimedOut");
-    case Case::destinationChanged:
-        return QStringLiteral("destinationChanged");
-    case Case::noTextSelected:
-        return QStringLiteral("noTextSelected");
-    case Case::secureTextSelected:
-        return QStringLiteral("secureTextSelected");
-    case Case::selectionChanged:
-        return QStringLiteral("selectionChanged");
-    }
-    return {};
+using Case = QuorvaneError::Case;
+
+std::span<const NamedCase<Case>> namedCases(Case) {
+    static constexpr NamedCase<Case> cases[] = {
+        {Case::localeUnsupported, "localeUnsupported"},
+        {Case::speechModelUnavailable, "speechModelUnavailable"},
+        {Case::formatterUnavailable, "formatterUnavailable"},
+        {Case::injectionFailed, "injectionFailed"},
+        {Case::selectionUnavailable, "selectionUnavailable"},
+        {Case::repositoryUnavailable, "repositoryUnavailable"},
+        {Case::agentUnavailable, "agentUnavailable"},
+        {Case::agentHandoffFailed, "agentHandoffFailed"},
+        {Case::noAudioInput, "noAudioInput"},
+        {Case::audioFormatUnsupported, "audioFormatUnsupported"},
+        {Case::microphoneDenied, "microphoneDenied"},
+        {Case::accessibilityDenied, "accessibilityDenied"},
+        {Case::formatterTimedOut, "formatterTimedOut"},
+        {Case::destinationChanged, "destinationChanged"},
+        {Case::noTextSelected, "noTextSelected"},
+        {Case::secureTextSelected, "secureTextSelected"},
+        {Case::selectionChanged, "selectionChanged"},
+    };
+    return cases;
 }

@@ -1,11 +1,12 @@
 #pragma once
 
+#include "core/DescribedError.h"
+#include "core/EnumNames.h"
+
 #include <QString>
-#include <exception>
-#include <string>
 
 // The one error type that reaches the user: each case carries its own message.
-class QuorvaneError : public std::exception {
+class QuorvaneError : public DescribedError {
 public:
     enum class Case {
         localeUnsupported,
@@ -27,15 +28,15 @@ public:
         selectionChanged,
     };
 
+    // Named as written in logs ("formatterTimedOut").
+    friend std::span<const NamedCase<Case>> namedCases(Case);
+
     explicit QuorvaneError(Case errorCase, QString detail = {});
 
     Case errorCase() const { return m_case; }
     const QString &detail() const { return m_detail; }
     // The user-facing sentence.
-    QString message() const;
-    // The case name as written in logs ("formatterTimedOut").
-    QString caseName() const;
-    const char *what() const noexcept override { return m_what.c_str(); }
+    QString message() const { return text(); }
 
     bool operator==(const QuorvaneError &other) const { return m_case == other.m_case && m_detail == other.m_detail; }
 
@@ -63,7 +64,8 @@ public:
     }
 
 private:
+    static QString messageFor(Case errorCase, const QString &detail);
+
     Case m_case;
     QString m_detail;
-    std::string m_what;
 };

@@ -6,33 +6,30 @@
 namespace DeveloperPromptAnchors {
 
 const QList<QRegularExpression> &patterns() {
+    using namespace GuardText::ProtectedPattern;
     static const QList<QRegularExpression> compiledPatterns{
-        // web addresses
-        GuardText::compiled(QStringLiteral(R"(https?://[^\s<>()]+)")),
-        // e-mail addresses
-        GuardText::compiled(QStringLiteral(R"([A-Za-z0-9._%+-]+@[A-Za-z0-9.-]+\.[A-Za-z]{2,})")),
+        GuardText::compiled(QLatin1String(webAddress)),
+        GuardText::compiled(QLatin1String(emailAddress)),
         // relative and nested paths
-        GuardText::compiled(QStringLiteral(R"((?:\./)?(?:[A-Za-z0-9_.-]+/)+[A-Za-z0-9_.-]+)")),
+        GuardText::compiled(QStringLiteral(R"((?:\./)?)") + QLatin1String(path)),
         // bare file names
         GuardText::compiled(
             QStringLiteral(R"(\b[A-Za-z0-9_-]+\.(?:swift|json|jsonl|md|sh|py|ts|tsx|js|jsx|rs|go|toml|yaml|yml)"
                            R"(|sql|html|css|plist|dmg|wav)\b)")),
         // command-line flags
         GuardText::compiled(QStringLiteral(R"((?<![A-Za-z0-9_])--?[A-Za-z][A-Za-z0-9-]*)")),
-        // snake_case identifiers
-        GuardText::compiled(QStringLiteral(R"(\b[A-Za-z][A-Za-z0-9]*_[A-Za-z0-9_]+\b)")),
+        GuardText::compiled(QLatin1String(snakeCaseIdentifier)),
         // camelCase and PascalCase identifiers
         GuardText::compiled(QStringLiteral(R"(\b(?:[a-z]+[A-Z][A-Za-z0-9]*|[A-Z][A-Za-z0-9]+[A-Z][A-Za-z0-9]*)\b)")),
         // capitalised names
         GuardText::compiled(QStringLiteral(R"(\b[A-Z][a-z]{2,}\b)")),
-        // acronyms and upper-case identifiers
-        GuardText::compiled(QStringLiteral(R"(\b[A-Z]{2,}[A-Za-z0-9_]*\b)")),
+        GuardText::compiled(QLatin1String(acronym)),
         // generic types
         GuardText::compiled(QStringLiteral(R"(\b[A-Za-z][A-Za-z0-9]*<[^>\n]+>)")),
         // dotted versions with an optional suffix
         GuardText::compiled(QStringLiteral(R"(\b\d+(?:\.\d+)+(?:[-+][A-Za-z0-9.-]+)?\b)")),
         // numbers, ports, times and line references
-        GuardText::compiled(QStringLiteral(R"(\b\d+(?::\d+)?\b)")),
+        GuardText::compiled(QLatin1String(numberOrTime)),
     };
     return compiledPatterns;
 }

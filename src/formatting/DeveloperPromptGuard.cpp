@@ -110,28 +110,19 @@ DeveloperPromptGuard::Decision DeveloperPromptGuard::evaluate(const QString &raw
     return {document->rendered(), Verdict::accepted};
 }
 
-QString DeveloperPromptGuard::verdictName(Verdict verdict) {
-    switch (verdict) {
-    case Verdict::accepted:
-        return QStringLiteral("accepted");
-    case Verdict::formatterDisabled:
-        return QStringLiteral("formatterDisabled");
-    case Verdict::formatterFailed:
-        return QStringLiteral("formatterFailed");
-    case Verdict::rejectedInvalidStructure:
-        return QStringLiteral("rejectedInvalidStructure");
-    case Verdict::rejectedModelResponse:
-        return QStringLiteral("rejectedModelResponse");
-    case Verdict::rejectedTooLong:
-        return QStringLiteral("rejectedTooLong");
-    case Verdict::rejectedContentLoss:
-        return QStringLiteral("rejectedContentLoss");
-    case Verdict::rejectedProtectedContent:
-        return QStringLiteral("rejectedProtectedContent");
-    case Verdict::rejectedMeaningChange:
-        return QStringLiteral("rejectedMeaningChange");
-    }
-    return {};
+std::span<const NamedCase<Verdict>> namedCases(Verdict) {
+    static constexpr NamedCase<Verdict> cases[] = {
+        {Verdict::accepted, "accepted"},
+        {Verdict::formatterDisabled, "formatterDisabled"},
+        {Verdict::formatterFailed, "formatterFailed"},
+        {Verdict::rejectedInvalidStructure, "rejectedInvalidStructure"},
+        {Verdict::rejectedModelResponse, "rejectedModelResponse"},
+        {Verdict::rejectedTooLong, "rejectedTooLong"},
+        {Verdict::rejectedContentLoss, "rejectedContentLoss"},
+        {Verdict::rejectedProtectedContent, "rejectedProtectedContent"},
+        {Verdict::rejectedMeaningChange, "rejectedMeaningChange"},
+    };
+    return cases;
 }
 
 const QStringList &DeveloperPromptGuard::metaPhrases() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/EnumNames.h"
 #include "formatting/DeveloperPromptDocument.h"
 
 #include <QString>
@@ -22,6 +23,9 @@ struct DeveloperPromptGuard {
         rejectedMeaningChange = 8,
     };
 
+    // Named as written to the log and history ("rejectedTooLong").
+    friend std::span<const NamedCase<Verdict>> namedCases(Verdict);
+
     struct Decision {
         QString text;
         Verdict verdict;
@@ -37,8 +41,6 @@ struct DeveloperPromptGuard {
     static DeveloperPromptDocument fallbackDocument(const QString &raw);
     // The decision when no model ran or it failed.
     static Decision fallback(const QString &raw, Verdict verdict);
-
-    static QString verdictName(Verdict verdict);
 
     static const QStringList &metaPhrases();
 

@@ -29,4 +29,14 @@ QStringList contentWords(const QStringList &words);
 // from any thread only read it. An invalid pattern is logged and never matches.
 QRegularExpression compiled(const QString &pattern, QRegularExpression::PatternOptions options = {});
 
+// Shapes of tokens a rewrite must keep word for word; each guard protects those that fit its mode.
+namespace ProtectedPattern {
+constexpr const char *webAddress = R"(https?://[^\s<>()]+)";
+constexpr const char *emailAddress = R"([A-Za-z0-9._%+-]+@[A-Za-z0-9.-]+\.[A-Za-z]{2,})";
+constexpr const char *path = R"((?:[A-Za-z0-9_.-]+/)+[A-Za-z0-9_.-]+)";
+constexpr const char *snakeCaseIdentifier = R"(\b[A-Za-z][A-Za-z0-9]*_[A-Za-z0-9_]+\b)";
+constexpr const char *acronym = R"(\b[A-Z]{2,}[A-Za-z0-9_]*\b)";
+constexpr const char *numberOrTime = R"(\b\d+(?::\d+)?\b)";
+} // namespace ProtectedPattern
+
 } // namespace GuardText

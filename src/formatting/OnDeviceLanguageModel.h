@@ -1,11 +1,11 @@
 #pragma once
 
+#include "core/DescribedError.h"
+
 #include <QCoro/QCoroTask>
 #include <QString>
-#include <exception>
 #include <memory>
 #include <optional>
-#include <string>
 
 // The operating system's on-device language model, reduced to what a formatter needs. The desktop
 // implementation only forwards to the platform's framework; everything the formatter decides lives
@@ -16,16 +16,9 @@ public:
 
     // The model did not produce a reply: its guardrails refused the content, or generation itself
     // failed. Carries the platform's localised description.
-    class GenerationError : public std::exception {
+    class GenerationError : public DescribedError {
     public:
-        explicit GenerationError(const QString &description)
-            : m_description(description), m_what(description.toStdString()) {}
-        const QString &description() const { return m_description; }
-        const char *what() const noexcept override { return m_what.c_str(); }
-
-    private:
-        QString m_description;
-        std::string m_what;
+        using DescribedError::DescribedError;
     };
 
     // One conversation with fixed instructions and no tools.

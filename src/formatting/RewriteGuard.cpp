@@ -118,26 +118,18 @@ QSet<QString> RewriteGuard::protectedTokens(const QString &input, const QStringL
     return tokens;
 }
 
-QString RewriteGuard::verdictName(Verdict verdict) {
-    switch (verdict) {
-    case Verdict::accepted:
-        return QStringLiteral("accepted");
-    case Verdict::rejectedEmpty:
-        return QStringLiteral("rejectedEmpty");
-    case Verdict::rejectedNoChange:
-        return QStringLiteral("rejectedNoChange");
-    case Verdict::rejectedModelResponse:
-        return QStringLiteral("rejectedModelResponse");
-    case Verdict::rejectedTooLong:
-        return QStringLiteral("rejectedTooLong");
-    case Verdict::rejectedTooShort:
-        return QStringLiteral("rejectedTooShort");
-    case Verdict::rejectedProtectedContent:
-        return QStringLiteral("rejectedProtectedContent");
-    case Verdict::rejectedMeaningChange:
-        return QStringLiteral("rejectedMeaningChange");
-    }
-    return {};
+std::span<const NamedCase<Verdict>> namedCases(Verdict) {
+    static constexpr NamedCase<Verdict> cases[] = {
+        {Verdict::accepted, "accepted"},
+        {Verdict::rejectedEmpty, "rejectedEmpty"},
+        {Verdict::rejectedNoChange, "rejectedNoChange"},
+        {Verdict::rejectedModelResponse, "rejectedModelResponse"},
+        {Verdict::rejectedTooLong, "rejectedTooLong"},
+        {Verdict::rejectedTooShort, "rejectedTooShort"},
+        {Verdict::rejectedProtectedContent, "rejectedProtectedContent"},
+        {Verdict::rejectedMeaningChange, "rejectedMeaningChange"},
+    };
+    return cases;
 }
 
 const QStringList &RewriteGuard::modelResponsePrefixes() {
@@ -149,21 +141,16 @@ const QStringList &RewriteGuard::modelResponsePrefixes() {
 }
 
 const QList<QRegularExpression> &RewriteGuard::protectedPatterns() {
+    using namespace GuardText::ProtectedPattern;
     static const QList<QRegularExpression> patterns{
-        // web addresses
-        GuardText::compiled(QStringLiteral(R"(https?://[^\s<>()]+)")),
-        // e-mail addresses
-        GuardText::compiled(QStringLiteral(R"([A-Za-z0-9._%+-]+@[A-Za-z0-9.-]+\.[A-Za-z]{2,})")),
-        // paths
-        GuardText::compiled(QStringLiteral(R"((?:[A-Za-z0-9_.-]+/)+[A-Za-z0-9_.-]+)")),
-        // snake_case identifiers
-        GuardText::compiled(QStringLiteral(R"(\b[A-Za-z][A-Za-z0-9]*_[A-Za-z0-9_]+\b)")),
-        // acronyms and constants
-        GuardText::compiled(QStringLiteral(R"(\b[A-Z]{2,}[A-Za-z0-9_]*\b)")),
+        GuardText::compiled(QLatin1String(webAddress)),
+        GuardText::compiled(QLatin1String(emailAddress)),
+        GuardText::compiled(QLatin1String(path)),
+        GuardText::compiled(QLatin1String(snakeCaseIdentifier)),
+        GuardText::compiled(QLatin1String(acronym)),
         // upper-case codes with digits
         GuardText::compiled(QStringLiteral(R"(\b[A-Z][A-Z0-9_]*\d[A-Z0-9_]*\b)")),
-        // numbers and times
-        GuardText::compiled(QStringLiteral(R"(\b\d+(?::\d+)?\b)")),
+        GuardText::compiled(QLatin1String(numberOrTime)),
     };
     return patterns;
 }

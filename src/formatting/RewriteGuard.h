@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/EnumNames.h"
 #include "formatting/RewriteCommand.h"
 
 #include <QList>
@@ -22,6 +23,9 @@ struct RewriteGuard {
         rejectedMeaningChange,
     };
 
+    // Named as written to the log and history ("rejectedTooLong").
+    friend std::span<const NamedCase<Verdict>> namedCases(Verdict);
+
     struct Decision {
         // The rewrite when accepted, else the original; trimmed either way.
         QString text;
@@ -35,8 +39,6 @@ struct RewriteGuard {
     // Web and e-mail addresses, paths, identifiers, codes and numbers in the text, plus the
     // vocabulary terms it contains.
     static QSet<QString> protectedTokens(const QString &text, const QStringList &vocabulary);
-
-    static QString verdictName(Verdict verdict);
 
     // Limits of each command: word-count ratio, share of new content words, share of original
     // content words kept.

@@ -5,26 +5,23 @@
 #include "formatting/GuardText.h"
 
 #include <QTextBoundaryFinder>
-#include <array>
-#include <utility>
-
-namespace {
 
 using Verdict = TranscriptGuard::Verdict;
 
-const std::array<std::pair<Verdict, const char *>, 9> verdictNames{{
-    {Verdict::accepted, "accepted"},
-    {Verdict::skippedTooShort, "skippedTooShort"},
-    {Verdict::rejectedEmpty, "rejectedEmpty"},
-    {Verdict::rejectedTooLong, "rejectedTooLong"},
-    {Verdict::rejectedContentLoss, "rejectedContentLoss"},
-    {Verdict::rejectedInvention, "rejectedInvention"},
-    {Verdict::rejectedRefusal, "rejectedRefusal"},
-    {Verdict::formatterFailed, "formatterFailed"},
-    {Verdict::formatterDisabled, "formatterDisabled"},
-}};
-
-} // namespace
+std::span<const NamedCase<Verdict>> namedCases(Verdict) {
+    static constexpr NamedCase<Verdict> cases[] = {
+        {Verdict::accepted, "accepted"},
+        {Verdict::skippedTooShort, "skippedTooShort"},
+        {Verdict::rejectedEmpty, "rejectedEmpty"},
+        {Verdict::rejectedTooLong, "rejectedTooLong"},
+        {Verdict::rejectedContentLoss, "rejectedContentLoss"},
+        {Verdict::rejectedInvention, "rejectedInvention"},
+        {Verdict::rejectedRefusal, "rejectedRefusal"},
+        {Verdict::formatterFailed, "formatterFailed"},
+        {Verdict::formatterDisabled, "formatterDisabled"},
+    };
+    return cases;
+}
 
 TranscriptGuard TranscriptGuard::fromConfig(const Config &config) {
     TranscriptGuard guard;
@@ -56,7 +53,9 @@ TranscriptGuard::Decision TranscriptGuard::evaluate(const QString &raw, const QS
     if (!rawWords.isEmpty()) {
         const double ratio = double(outputWords.size()) / double(rawWords.size());
         // A very short utterance may gain a few words ("ok thanks" → "Okay, thanks so much.").
-        const qsizetype slack = rawWords.size() < 5 ? 3 : 0;
+        constexpr qsizetype shortUtteranceWords = 5;
+        constexpr qsizetype shortUtteranceSlack = 3;
+        const qsizetype slack = rawWords.size() < shortUtteranceWords ? shortUtteranceSlack : 0;
         if (ratio > maxLengthRatio && outputWords.size() > rawWords.size() + slack)
             return fallback(raw, Verdict::rejectedTooLong);
 
@@ -128,22 +127,6 @@ QString TranscriptGuard::lightlyPunctuate(const QString &text) {
     if (!marks.contains(trimmed.mid(lastStart)))
         result += QLatin1Char('.');
     return result;
-}
-
-QString TranscriptGuard::verdictName(Verdict verdict) {
-    for (const auto &[value, name] : verdictNames) {
-        if (value == verdict)
-            return QString::fromLatin1(name);
-    }
-    return {};
-}
-
-std::optional<TranscriptGuard::Verdict> TranscriptGuard::verdictFromName(const QString &name) {
-    for (const auto &[value, text] : verdictNames) {
-        if (name == QLatin1String(text))
-            return value;
-    }
-    return std::nullopt;
 }
 
 const QStringList &TranscriptGuard::refusalMarkers() {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/EnumNames.h"
+
 #include <QSet>
 #include <QString>
 #include <QStringList>
@@ -21,6 +23,9 @@ struct TranscriptGuard {
         formatterFailed,
         formatterDisabled,
     };
+
+    // Named as stored in history and printed ("rejectedTooLong").
+    friend std::span<const NamedCase<Verdict>> namedCases(Verdict);
 
     struct Decision {
         QString text;
@@ -45,10 +50,6 @@ struct TranscriptGuard {
     static QStringList words(const QString &text);
     // Trimmed, first character upper-cased, a full stop added unless it already ends in a mark.
     static QString lightlyPunctuate(const QString &text);
-
-    // The verdict as stored in history and printed ("rejectedTooLong").
-    static QString verdictName(Verdict verdict);
-    static std::optional<Verdict> verdictFromName(const QString &name);
 
     // Openings of a reply that talks to the user instead of being the text.
     static const QStringList &refusalMarkers();

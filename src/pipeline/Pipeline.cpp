@@ -1,6 +1,7 @@
 #include "pipeline/Pipeline.h"
 
 #include "core/Async.h"
+#include "core/DescribedError.h"
 #include "core/Log.h"
 #include "core/OffThread.h"
 #include "core/Paths.h"
@@ -14,7 +15,6 @@
 #include "formatting/RewriteGuard.h"
 #include "formatting/TranscriptGuard.h"
 #include "pipeline/EngineChoice.h"
-#include "pipeline/ErrorText.h"
 #include "pipeline/StockPhrases.h"
 #include "speech/AudioFeed.h"
 #include "speech/LinearAudioResampler.h"
@@ -170,9 +170,12 @@ QCoro::Task<void> Pipeline::prepare() {
     if (!self)
         co_return;
     if (outcome.timedOut()) {
-        Log::error(QStringLiteral("ASR preparation timed out after 30s. It will retry on first dictation."));
-        Terminal::tell(QStringLiteral("The speech engine did not get ready within 30 s; Quorvane tries again at the "
-                                      "first dictation."));
+        const qint64 seconds = preparationLimitMs / 1000;
+        Log::error(
+            QStringLiteral("ASR preparation timed out after %1s. It will retry on first dictation.").arg(seconds));
+        Terminal::tell(QStringLiteral("The speech engine did not get ready within %1 s; Quorvane tries again at the "
+                                      "first dictation.")
+                           .arg(seconds));
         setState(PipelineState::error(QStringLiteral("Speech model preparation timed out.")));
     } else if (outcome.error) {
         const QString description = describeError(outcome.error);
@@ -764,8 +767,8 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDictation(RunTicket ticket, QString r
             formatted = *outcome.value;
             decision = TranscriptGuard::fromConfig(m_config).evaluate(raw, formatted);
             if (decision.verdict != Verdict::accepted)
-                Log::warn(QStringLiteral("Guard overruled the formatter (") +
-                          TranscriptGuard::verdictName(decision.verdict) + QStringLiteral(")"));
+                Log::warn(QStringLiteral("Guard overruled the formatter (") + toName(decision.verdict) +
+                          QStringLiteral(")"));
         }
     }
 
@@ -793,8 +796,8 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDictation(RunTicket ticket, QString r
     m_latency.record(sinceRelease());
     if (m_config.learnVocabulary)
         m_learner->ingest(shipped);
-    Utterance utterance = makeUtterance(raw, formatted.isEmpty() ? shipped : formatted, shipped,
-                                        TranscriptGuard::verdictName(decision.verdict), timings);
+    Utterance utterance =
+        makeUtterance(raw, formatted.isEmpty() ? shipped : formatted, shipped, toName(decision.verdict), timings);
     if (m_config.retainAudio)
         utterance.audioFile = retainCurrentAudio();
     if (m_config.retainHistory)
@@ -846,8 +849,8 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runEditCommand(RunTicket ticket, QString
     const RewriteGuard::Decision decision =
         RewriteGuard::evaluate(selection.text, *outcome.value, chosen, context.vocabulary);
     if (decision.verdict != RewriteGuard::Verdict::accepted) {
-        Log::warn(QStringLiteral("Rewrite guard kept the original selection (") +
-                  RewriteGuard::verdictName(decision.verdict) + QStringLiteral(")"));
+        Log::warn(QStringLiteral("Rewrite guard kept the original selection (") + toName(decision.verdict) +
+                  QStringLiteral(")"));
         notify(QStringLiteral("Unsafe rewrite blocked"),
                QStringLiteral("Quorvane kept the original text because the rewrite changed protected content or "
                               "meaning."));
@@ -906,7 +909,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDeveloperPrompt(RunTicket ticket, QSt
         decision = DeveloperPromptGuard::fallback(raw, Verdict::formatterDisabled);
         co_return co_await deliverPrompt(ticket, raw, compiled, decision, repository, timings);
     }
-    const qint64 budget = formatterBudget(m_config, TranscriptGuard::words(raw).size(), 1800);
+    const qint64 budget = formatterBudget(m_config, TranscriptGuard::words(raw).size(), promptBaseLimitMs);
     const qint64 started = m_scheduler.nowMs();
     const auto outcome = co_await withTimeout<QString>(
         budget, [formatter, raw, context] { return formatter->compileDeveloperPrompt(raw, context); }, m_scheduler);
@@ -927,8 +930,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runDeveloperPrompt(RunTicket ticket, QSt
         compiled = *outcome.value;
         decision = DeveloperPromptGuard::evaluate(raw, compiled, context.vocabulary, context.repositoryPromptContext);
         if (decision.verdict != Verdict::accepted) {
-            Log::warn(QStringLiteral("Prompt guard used the lossless fallback ") +
-                      DeveloperPromptGuard::verdictName(decision.verdict));
+            Log::warn(QStringLiteral("Prompt guard used the lossless fallback ") + toName(decision.verdict));
             notify(simplified,
                    QStringLiteral("The model changed protected content, so Quorvane kept your request verbatim."));
         }
@@ -941,7 +943,7 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::deliverPrompt(RunTicket ticket, QString 
                                                       std::optional<RepositoryContext> repository, Timings timings) {
     using Verdict = DeveloperPromptGuard::Verdict;
     const QString prompt = decision.text;
-    const QString verdictName = DeveloperPromptGuard::verdictName(decision.verdict);
+    const QString verdictName = toName(decision.verdict);
     const std::optional<AgentKind> agent = agentKind(m_config.promptDestination);
 
     const qint64 deliveryStarted = m_scheduler.nowMs();

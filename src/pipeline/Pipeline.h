@@ -32,6 +32,9 @@ class Pipeline : public QObject {
 public:
     static constexpr qint64 minimumHoldMs = 250;
     static constexpr qint64 preparationLimitMs = 30000;
+    // The base of a prompt compilation's budget, whatever the formatter setting: the request is
+    // delivered verbatim anyway when the model is slow.
+    static constexpr qint64 promptBaseLimitMs = 1800;
     // Peak level below which a recording counts as near-silence.
     static constexpr float silentPeak = 0.01f;
 
@@ -88,7 +91,7 @@ public:
     static QString recordingLimitLabel(qint64 seconds);
     // The formatter's time budget for a text of `words` words: longer texts earn 50 ms a word past
     // twenty, up to the configuration's ceiling. `maxBase` caps the configured timeout first.
-    static qint64 formatterBudget(const Config &config, qint64 words, qint64 maxBase = 15000);
+    static qint64 formatterBudget(const Config &config, qint64 words, qint64 maxBase = Config::maxFormatterTimeoutMS);
 
 private:
     // How a run ended: the state to show and, for a delivered dictation, its history entry.

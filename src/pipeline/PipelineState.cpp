@@ -1,27 +1,26 @@
 #include "pipeline/PipelineState.h"
 
-QString PipelineState::description() const {
-    switch (kind) {
-    case Kind::error:
-        return QStringLiteral("error: ") + message;
-    case Kind::idle:
-        return QStringLiteral("idle");
-    case Kind::recording:
-        return QStringLiteral("recording");
-    case Kind::thinking:
-        return QStringLiteral("thinking");
-    }
-    return {};
+using Kind = PipelineState::Kind;
+
+std::span<const NamedCase<Kind>> namedCases(Kind) {
+    static constexpr NamedCase<Kind> cases[] = {
+        {Kind::error, "error"},
+        {Kind::idle, "idle"},
+        {Kind::recording, "recording"},
+        {Kind::thinking, "thinking"},
+    };
+    return cases;
 }
 
-QString displayName(PipelineMode mode) {
-    switch (mode) {
-    case PipelineMode::dictation:
-        return QStringLiteral("Dictation");
-    case PipelineMode::editSelection:
-        return QStringLiteral("Edit in Place");
-    case PipelineMode::developerPrompt:
-        return QStringLiteral("Prompt Mode");
-    }
-    return {};
+QString PipelineState::description() const {
+    return kind == Kind::error ? toName(kind) + QStringLiteral(": ") + message : toName(kind);
+}
+
+std::span<const NamedCase<PipelineMode>> namedCases(PipelineMode) {
+    static constexpr NamedCase<PipelineMode> cases[] = {
+        {PipelineMode::dictation, "dictation", "Dictation"},
+        {PipelineMode::editSelection, "editSelection", "Edit in Place"},
+        {PipelineMode::developerPrompt, "developerPrompt", "Prompt Mode"},
+    };
+    return cases;
 }

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "core/EnumNames.h"
+
 #include <QString>
 
 // What the pipeline is doing; the shell draws the tray icon and the overlay from it.
 struct PipelineState {
     enum class Kind { error, idle, recording, thinking };
+    friend std::span<const NamedCase<Kind>> namedCases(Kind);
 
     Kind kind = Kind::idle;
     // The message shown; only an error carries one.
@@ -23,5 +26,5 @@ struct PipelineState {
 // The three push-to-talk keys' modes.
 enum class PipelineMode { dictation, editSelection, developerPrompt };
 
-// "Dictation", "Edit in Place", "Prompt Mode".
-QString displayName(PipelineMode mode);
+// Shown as "Dictation", "Edit in Place", "Prompt Mode".
+std::span<const NamedCase<PipelineMode>> namedCases(PipelineMode);

@@ -1,6 +1,7 @@
 #include "pipeline/PlatformKit.h"
 
 #include "platform/ProcessAudioCapture.h"
+#include "repository/RepositoryContextProvider.h"
 
 PlatformKit PlatformKit::fallbacks() {
     PlatformKit kit;
@@ -25,4 +26,16 @@ PlatformKit::captureFactory(std::shared_ptr<AudioCapturing> microphone) {
             return microphone;
         return std::make_shared<UnsupportedCapture>();
     };
+}
+
+void PlatformKit::wireRepositoryContext(std::shared_ptr<ProcessTreeSource> processes,
+                                        std::shared_ptr<FocusedDocumentSource> documents) {
+    // Held weakly: the kit, not the repository provider, owns the frontmost-app service.
+    std::weak_ptr<FrontmostAppProvider> frontmost = frontmostApp;
+    repositoryContext = std::make_shared<RepositoryContextProvider>(std::move(processes), std::move(documents),
+                                                                    [frontmost]() -> std::optional<qint32> {
+                                                                        if (auto provider = frontmost.lock())
+                                                                            return provider->frontmostApp().processID;
+                                                                        return std::nullopt;
+                                                                    });
 }

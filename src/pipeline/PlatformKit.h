@@ -16,6 +16,9 @@
 #include <functional>
 #include <memory>
 
+class FocusedDocumentSource;
+class ProcessTreeSource;
+
 // The desktop services the pipeline and the shell talk to. Services are shared: a run that
 // outlives a settings change, or an abandoned formatter call, keeps what it uses alive.
 struct PlatformKit {
@@ -62,4 +65,8 @@ struct PlatformKit {
     // makeCapture for a desktop whose own microphone is `microphone` (null where there is none).
     static std::function<std::shared_ptr<AudioCapturing>(const Config &)>
     captureFactory(std::shared_ptr<AudioCapturing> microphone);
+    // Sets repositoryContext to this desktop's provider. Called last, so that it asks the
+    // frontmost-app service the kit ends up with.
+    void wireRepositoryContext(std::shared_ptr<ProcessTreeSource> processes,
+                               std::shared_ptr<FocusedDocumentSource> documents);
 };

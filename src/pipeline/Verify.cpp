@@ -1,11 +1,11 @@
 #include "pipeline/Verify.h"
 
 #include "core/Config.h"
+#include "core/DescribedError.h"
 #include "core/Paths.h"
 #include "formatting/PassthroughFormatter.h"
 #include "formatting/TranscriptGuard.h"
 #include "history/Store.h"
-#include "pipeline/ErrorText.h"
 #include "speech/AudioFeed.h"
 #include "speech/LinearAudioResampler.h"
 #include "speech/WavDecoder.h"
@@ -145,7 +145,7 @@ QCoro::Task<int> run(QString wavPath, QString locale, NativeEngines native) {
         }
     }
     const qint64 formatMs = wholeMilliseconds(formatTimer);
-    const QString verdict = TranscriptGuard::verdictName(decision.verdict);
+    const QString verdict = toName(decision.verdict);
 
     if (proposal && verdict.startsWith(QLatin1String("rejected"))) {
         print(QStringLiteral("  \u26A0\uFE0E guard overruled the model (") + verdict +

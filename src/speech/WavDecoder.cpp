@@ -7,12 +7,12 @@
 namespace WavDecoder {
 
 DecodeError::DecodeError(Case errorCase, QString message)
-    : m_case(errorCase), m_message(std::move(message)), m_what(errorDescription().toStdString()) {}
+    : DescribedError(describe(errorCase, message)), m_case(errorCase), m_message(std::move(message)) {}
 
-QString DecodeError::errorDescription() const {
-    switch (m_case) {
+QString DecodeError::describe(Case errorCase, const QString &message) {
+    switch (errorCase) {
     case Case::unsupported:
-        return QStringLiteral("unsupported WAV: ") + m_message;
+        return QStringLiteral("unsupported WAV: ") + message;
     case Case::tooShort:
         return QStringLiteral("file is too short to be a WAV");
     case Case::notRIFF:

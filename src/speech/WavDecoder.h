@@ -1,9 +1,9 @@
 #pragma once
 
+#include "core/DescribedError.h"
+
 #include <QByteArrayView>
 #include <QString>
-#include <exception>
-#include <string>
 #include <vector>
 
 // Reads RIFF/WAVE files of 16-bit integer PCM into mono floats. Deliberately narrow: every other
@@ -19,7 +19,7 @@ struct Decoded {
     bool operator==(const Decoded &) const = default;
 };
 
-class DecodeError : public std::exception {
+class DecodeError : public DescribedError {
 public:
     enum class Case { unsupported, tooShort, notRIFF, notWAVE, noFmtChunk, noDataChunk };
 
@@ -28,14 +28,11 @@ public:
     Case errorCase() const { return m_case; }
     // The detail of `unsupported`; empty for the other cases.
     const QString &message() const { return m_message; }
-    // The text shown to the user.
-    QString errorDescription() const;
-    const char *what() const noexcept override { return m_what.c_str(); }
-
 private:
+    static QString describe(Case errorCase, const QString &message);
+
     Case m_case;
     QString m_message;
-    std::string m_what;
 };
 
 // Decodes a whole file held in memory. Throws DecodeError.

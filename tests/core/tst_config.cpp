@@ -86,9 +86,9 @@ private Q_SLOTS:
     void modeKeysAreMadeDistinct() {
         QFETCH(QByteArray, json);
         const Config config = decodeObject(json);
-        QTEST(rawValue(config.pushToTalkKey), "dictation");
-        QTEST(rawValue(config.editKey), "edit");
-        QTEST(rawValue(config.promptKey), "prompt");
+        QTEST(toName(config.pushToTalkKey), "dictation");
+        QTEST(toName(config.editKey), "edit");
+        QTEST(toName(config.promptKey), "prompt");
     }
 
     void numbersAreClampedOrDefaulted_data() {
@@ -273,8 +273,8 @@ private Q_SLOTS:
 
     void enumerationsRoundTrip() {
         for (PushToTalkKey key : allCases<PushToTalkKey>())
-            QCOMPARE(fromRawValue<PushToTalkKey>(rawValue(key)), key);
-        QCOMPARE(fromRawValue<PromptDestination>(QStringLiteral("Codex")), std::nullopt);
+            QCOMPARE(fromName<PushToTalkKey>(toName(key)), key);
+        QCOMPARE(fromName<PromptDestination>(QStringLiteral("Codex")), std::nullopt);
     }
 
 private:

@@ -1,4 +1,6 @@
+#include "core/LoopbackHttp.h"
 #include "core/QuorvaneError.h"
+#include "speech/WavDecoder.h"
 
 #include <QTest>
 
@@ -52,9 +54,28 @@ private slots:
     void messages() {
         QFETCH(QuorvaneError, error);
         QTEST(error.message(), "message");
-        QTEST(error.caseName(), "caseName");
+        QTEST(toName(error.errorCase()), "caseName");
         // Whatever catches it as a standard exception reads the same sentence.
         QTEST(QString::fromUtf8(error.what()), "message");
+    }
+
+    // A failed run or command shows one sentence, whichever of our errors ended it.
+    void describeError() {
+        const std::pair<std::exception_ptr, QString> cases[] = {
+            {std::make_exception_ptr(QuorvaneError::injectionFailed(QStringLiteral("no clipboard"))),
+             QStringLiteral("Could not insert text: no clipboard")},
+            {std::make_exception_ptr(WavDecoder::DecodeError(WavDecoder::DecodeError::Case::notRIFF)),
+             QStringLiteral("missing RIFF header")},
+            {std::make_exception_ptr(
+                 LoopbackHttp::TransportError(QNetworkReply::ConnectionRefusedError, QStringLiteral("refused"))),
+             QStringLiteral("no answer from the local server: refused")},
+            {std::make_exception_ptr(LoopbackHttp::ParseError(QStringLiteral("<html>"))),
+             QStringLiteral("the local server's answer was not JSON: <html>")},
+            {std::make_exception_ptr(std::runtime_error("disk full")), QStringLiteral("disk full")},
+            {std::make_exception_ptr(42), QStringLiteral("unknown error")},
+        };
+        for (const auto &[error, sentence] : cases)
+            QCOMPARE(::describeError(error), sentence);
     }
 };
 

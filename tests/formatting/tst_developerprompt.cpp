@@ -144,7 +144,7 @@ private slots:
         QFETCH(std::optional<QString>, repository);
         QFETCH(QString, verdict);
         const auto decision = DeveloperPromptGuard::evaluate(raw, proposed, vocabulary, repository);
-        QCOMPARE(DeveloperPromptGuard::verdictName(decision.verdict), verdict);
+        QCOMPARE(toName(decision.verdict), verdict);
         // Accepted prompts are re-rendered without the model's line endings; refused ones hold the request.
         const QString refused =
             "Goal:\n" + raw + "\n\nContext:\n\n\nConstraints:\n\n\nAcceptance criteria:\n\n\nVerification:\n";

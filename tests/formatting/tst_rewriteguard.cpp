@@ -114,7 +114,7 @@ private slots:
         QFETCH(QString, verdict);
         const auto decision =
             RewriteGuard::evaluate(original, rewritten, *RewriteCommand::fromRawValue(command), vocabulary);
-        QCOMPARE(RewriteGuard::verdictName(decision.verdict), verdict);
+        QCOMPARE(toName(decision.verdict), verdict);
         QCOMPARE(decision.text, Text::trimmed(verdict == "accepted" ? rewritten : original));
     }
 

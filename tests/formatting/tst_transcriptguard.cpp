@@ -83,7 +83,7 @@ private slots:
         QFETCH(QString, formatted);
         QFETCH(QString, verdict);
         const TranscriptGuard::Decision decision = TranscriptGuard().evaluate(raw, formatted);
-        QCOMPARE(TranscriptGuard::verdictName(decision.verdict), verdict);
+        QCOMPARE(toName(decision.verdict), verdict);
         QCOMPARE(decision.text, verdict == "accepted" ? formatted.trimmed() : TranscriptGuard::lightlyPunctuate(raw));
     }
 

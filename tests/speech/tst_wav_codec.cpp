@@ -119,7 +119,7 @@ private slots:
             WavDecoder::decode(file);
             QFAIL("decoded a file it should refuse");
         } catch (const WavDecoder::DecodeError &error) {
-            QCOMPARE(error.errorDescription(), description);
+            QCOMPARE(error.text(), description);
             QCOMPARE(QString::fromUtf8(error.what()), description);
         }
     }

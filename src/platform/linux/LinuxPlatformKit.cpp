@@ -22,7 +22,6 @@
 #include "platform/linux/X11HotkeyBackend.h"
 #include "platform/linux/X11TextBackend.h"
 #include "platform/linux/wayland/WaylandTextBackend.h"
-#include "repository/RepositoryContextProvider.h"
 
 #include <QDir>
 #include <QGuiApplication>
@@ -116,19 +115,11 @@ PlatformKit makePlatformKit(const Config &config) {
         return std::make_unique<PocketSphinxEngine>(locale);
     };
 
-    // Wired last, against the frontmost-app service the kit ends up with; held weakly because the
-    // kit, not the repository provider, owns it.
-    std::weak_ptr<FrontmostAppProvider> frontmost = kit.frontmostApp;
     std::shared_ptr<FocusedDocumentSource> documents;
     if (session == SessionType::Kind::x11)
         documents = std::make_shared<X11FocusedDocumentSource>(QDir::homePath());
     else
         documents = std::make_shared<UnsupportedFocusedDocumentSource>();
-    kit.repositoryContext = std::make_shared<RepositoryContextProvider>(
-        std::make_shared<ProcProcessTreeSource>(), documents, [frontmost]() -> std::optional<qint32> {
-            if (auto provider = frontmost.lock())
-                return provider->frontmostApp().processID;
-            return std::nullopt;
-        });
+    kit.wireRepositoryContext(std::make_shared<ProcProcessTreeSource>(), documents);
     return kit;
 }

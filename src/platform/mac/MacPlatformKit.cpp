@@ -15,7 +15,6 @@
 #include "platform/mac/MacProcessTreeSource.h"
 #include "platform/mac/MacSpeechRecognizer.h"
 #include "platform/mac/MacTextInjector.h"
-#include "repository/RepositoryContextProvider.h"
 #include "speech/SystemSpeechEngine.h"
 
 PlatformKit makePlatformKit(const Config &config) {
@@ -47,14 +46,6 @@ PlatformKit makePlatformKit(const Config &config) {
         return std::make_unique<FoundationModelFormatter>(std::make_shared<MacOnDeviceModel>());
     };
 
-    // Wired last, against the frontmost-app service the kit ends up with.
-    std::weak_ptr<FrontmostAppProvider> frontmost = kit.frontmostApp;
-    kit.repositoryContext = std::make_shared<RepositoryContextProvider>(
-        std::make_shared<MacProcessTreeSource>(), std::make_shared<MacFocusedDocumentSource>(),
-        [frontmost]() -> std::optional<qint32> {
-            if (auto provider = frontmost.lock())
-                return provider->frontmostApp().processID;
-            return std::nullopt;
-        });
+    kit.wireRepositoryContext(std::make_shared<MacProcessTreeSource>(), std::make_shared<MacFocusedDocumentSource>());
     return kit;
 }
