@@ -145,6 +145,10 @@ struct PulseAudioBackend::Session {
     pa_stream *stream = nullptr;
     BufferHandler onBuffer;
     pa_defer_event *drainLater = nullptr;
+    // Both guarded by the loop's lock. Until the first audio arrives nothing is paced, so a recording
+    // that starts right after warm-up finds the stream already delivering.
+    bool isListening = true;
+    bool heardOnce = false;
     // Kept by the state callbacks, so asking does not wait for the loop, which may be inside the
     // buffer handler waiting for the one asking.
     std::atomic<bool> streaming{false};
@@ -287,6 +291,8 @@ struct PulseAudioBackend::Session {
             }
             pa_stream_drop(stream);
         }
+        if (!samples.empty() && !std::exchange(session->heardOnce, true))
+            session->loop.setPaced(!session->isListening);
         if (!samples.empty())
             session->onBuffer(std::move(samples));
     }
@@ -301,19 +307,11 @@ struct PulseAudioBackend::Session {
         return attributes;
     }
 
-    void setListening(bool listening) {
-        if (listening) {
-            requestFragments(true);
-            loop.setPaced(false);
-        } else {
-            loop.setPaced(true);
-            requestFragments(false);
-        }
-    }
-
     // Not awaited: the stream keeps delivering while the server adjusts.
-    void requestFragments(bool listening) {
+    void setListening(bool listening) {
         loop.lock();
+        isListening = listening;
+        loop.setPaced(!listening && heardOnce);
         if (stream && pa_stream_get_state(stream) == PA_STREAM_READY) {
             const pa_buffer_attr attributes = bufferAttributes(listening, *pa_stream_get_sample_spec(stream));
             if (pa_operation *operation = pa_stream_set_buffer_attr(stream, &attributes, nullptr, nullptr))
@@ -330,8 +328,8 @@ struct PulseAudioBackend::Session {
                                 QStringLiteral("the sound server cannot record at %1 Hz").arg(rate));
         pa_channel_map mono;
         pa_channel_map_init_mono(&mono);
-        loop.setPaced(!listening);
         loop.lock();
+        isListening = listening;
         stream = pa_stream_new(context, "Dictation", &format, &mono);
         if (!stream) {
             const QString reason = lastError();
