@@ -36,4 +36,8 @@ public:
     virtual void close() = 0;
     // Whether the platform reports the input as running.
     virtual bool isRunning() = 0;
+    // Whether an utterance is being recorded. While not, buffers only feed the pre-roll, so the
+    // backend may hand them over late and in batches to wake the process less often; once it is,
+    // they come as they are recorded, starting with any held back. Kept across open() and close().
+    virtual void setListening(bool) {}
 };

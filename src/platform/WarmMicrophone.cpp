@@ -100,18 +100,21 @@ void WarmMicrophone::startEngineLocked(double rate, bool retainAudio, bool captu
         {
             std::lock_guard state(m_stateLock);
             m_isCapturing = capturing;
-            if (!capturing)
-                return;
-            preRoll = std::exchange(m_preRoll, {});
-            m_capturedFrames += qint64(preRoll.size());
-            if (std::any_of(preRoll.begin(), preRoll.end(), hasSignal))
-                m_capturedNonZeroSignal = true;
-            if (m_retainAudio)
-                m_retained.insert(m_retained.end(), preRoll.begin(), preRoll.end());
-            handler = m_chunkHandler;
+            if (capturing) {
+                preRoll = std::exchange(m_preRoll, {});
+                m_capturedFrames += qint64(preRoll.size());
+                if (std::any_of(preRoll.begin(), preRoll.end(), hasSignal))
+                    m_capturedNonZeroSignal = true;
+                if (m_retainAudio)
+                    m_retained.insert(m_retained.end(), preRoll.begin(), preRoll.end());
+                handler = m_chunkHandler;
+            }
         }
         if (handler && !preRoll.empty())
             handler(AudioChunk{std::move(preRoll), rate});
+        // Only now, and outside the state lock (the backend's thread holds its own lock while it
+        // waits for ours): audio the backend held back must follow the pre-roll, not overtake it.
+        m_backend->setListening(capturing);
         return;
     }
     // Another rate needs another stream; its pre-roll would be at the wrong rate anyway.
@@ -169,6 +172,7 @@ void WarmMicrophone::startEngineLocked(double rate, bool retainAudio, bool captu
         m_tapInstalled = true;
         m_isCapturing = capturing;
     }
+    m_backend->setListening(capturing);
     Log::info(QStringLiteral("Microphone ready \u00B7 local noise reduction ") +
               (m_backend->voiceProcessingEnabled() ? QStringLiteral("on") : QStringLiteral("off")));
 }
@@ -292,6 +296,7 @@ void WarmMicrophone::stop() {
         ++m_captureGeneration;
     }
 
+    m_backend->setListening(false);
     if (verdict == AudioCaptureStatus::usable)
         armWarmCheckLocked(warmCheckIntervalMs);
     else

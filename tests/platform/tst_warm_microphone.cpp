@@ -91,6 +91,45 @@ private slots:
         QCOMPARE(rig.chunks[1].samples, live);
     }
 
+    // While only warm the backend may hold audio back; while recording it must not, and what it held
+    // back must not overtake the pre-roll.
+    void backendListensOnlyWhileRecording_data() {
+        QTest::addColumn<QStringList>("steps");
+        QTest::addColumn<bool>("listening");
+        QTest::newRow("warm") << QStringList{"warm"} << false;
+        QTest::newRow("warm, then recording") << QStringList{"warm", "start"} << true;
+        QTest::newRow("recording from cold") << QStringList{"start"} << true;
+        QTest::newRow("a usable utterance ends warm") << QStringList{"warm", "start", "speech", "stop"} << false;
+        QTest::newRow("an empty utterance ends cold") << QStringList{"start", "stop"} << false;
+        QTest::newRow("stream rebuilt while recording") << QStringList{"start", "stall"} << true;
+    }
+    void backendListensOnlyWhileRecording() {
+        QFETCH(QStringList, steps);
+        QFETCH(bool, listening);
+        Rig rig(false);
+        rig.backend->setListening(!listening);
+        std::vector<bool> listeningAtChunk;
+        for (const QString &step : steps) {
+            if (step == "warm") {
+                rig.mic->warmUp(rate);
+                rig.backend->deliver(ramp(1600));
+            } else if (step == "start") {
+                rig.mic->setOnChunk([&](const AudioChunk &) { listeningAtChunk.push_back(rig.backend->listening()); });
+                rig.mic->start(rate, false);
+            } else if (step == "speech") {
+                rig.backend->deliver(ramp(1600));
+            } else if (step == "stop") {
+                rig.mic->stop();
+            } else if (step == "stall") {
+                rig.backend->setRunning(false);
+                rig.clock.advance(750);
+            }
+        }
+        QCOMPARE(rig.backend->listening(), listening);
+        if (steps.startsWith("warm") && steps.contains("start"))
+            QCOMPARE(listeningAtChunk.front(), false);
+    }
+
     void rebuildBeforeRecording_data() {
         QTest::addColumn<bool>("voiceProcessing");
         QTest::addColumn<QList<float>>("warm");

@@ -31,6 +31,7 @@ public:
         m_running = false;
     }
     bool isRunning() override { return locked(m_running); }
+    void setListening(bool listening) override { set(m_listening, listening); }
 
     // Plays one buffer through the open stream; nothing happens when it is closed.
     void deliver(std::vector<float> samples) {
@@ -46,6 +47,7 @@ public:
     // The platform stopping the stream behind our back.
     void setRunning(bool running) { set(m_running, running); }
 
+    bool listening() const { return locked(m_listening); }
     int opens() const { return locked(m_opens); }
     int closes() const { return locked(m_closes); }
     // The voice-processing state each successful open() started with.
@@ -67,6 +69,7 @@ private:
     InputFormat m_format{48000, 1};
     QString m_openFailure;
     bool m_running = false;
+    bool m_listening = true;
     BufferHandler m_onBuffer;
     int m_opens = 0;
     int m_closes = 0;

@@ -24,6 +24,7 @@ public:
     void open(double targetRate, BufferHandler onBuffer, ErrorHandler onConversionError) override;
     void close() override;
     bool isRunning() override;
+    void setListening(bool listening) override;
 
 private:
     struct Session;
@@ -34,4 +35,6 @@ private:
     bool m_voiceProcessingRequested = false;
     bool m_onEchoCancel = false;
     bool m_saidNoEchoCancel = false;
+    // Until told otherwise, buffers come as they are recorded.
+    bool m_listening = true;
 };

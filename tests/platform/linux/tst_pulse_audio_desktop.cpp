@@ -170,6 +170,33 @@ private Q_SLOTS:
         QCOMPARE(collector.buffers(), buffersAtClose);
     }
 
+    // While only warm, audio comes in batches; once listening, what was held back arrives at once,
+    // none of it lost, and the rest comes fragment by fragment again.
+    void audioHeldBackWhileWarmArrivesWhenListening() {
+        constexpr double rate = 16000;
+        constexpr double seconds = 0.5;
+        Collector collector;
+        PulseAudioBackend backend;
+        backend.setListening(false);
+        backend.open(rate, collector.handler(), {});
+        auto player = playTone(440, seconds);
+        QVERIFY(player);
+        QVERIFY(player->waitForFinished());
+        QVERIFY2(collector.largest() > std::size_t(rate / 10), qPrintable(QString::number(collector.largest())));
+
+        backend.setListening(true);
+        const auto tone = std::size_t(rate * seconds);
+        QTRY_VERIFY_WITH_TIMEOUT(collector.heard().size() >= tone, 200);
+        const std::vector<float> heard = collector.heard();
+        std::size_t loud = 0;
+        while (loud < heard.size() && std::abs(heard[loud]) > 0.01f)
+            loud = std::min(heard.size(), loud + 160);
+        // The tone's length in one piece, give or take a fragment at each end.
+        QVERIFY2(loud + 480 >= tone && loud <= tone + 480, qPrintable(QString::number(loud)));
+        const int buffers = collector.buffers();
+        QTRY_VERIFY_WITH_TIMEOUT(collector.buffers() >= buffers + 5, 1000);
+    }
+
     void aStreamWhoseSourceDisappearsIsNoLongerRunning() {
         const QString module = loadEchoCancelSource();
         PulseAudioBackend backend;

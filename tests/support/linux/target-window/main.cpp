@@ -5,7 +5,8 @@
 //   set <field> <text>               replace the field's text (rest of the line, may be empty; "\n"
 //                                    is a line break) -> ok
 //   select <field> <start> <length>  select that many characters from <start> -> ok
-//   text                             {"line": …, "password": …, "edit": …} as one JSON line
+//   text                             {"line": …, "password": …, "edit": …, "lineChangedNs": …} as one
+//                                    JSON line; lineChangedNs is CLOCK_MONOTONIC when "line" last changed
 //   copy <text>                      put <text> as text/plain and a 1x1 PNG on the clipboard -> ok
 // An unknown command or field answers "error". The window ends when stdin closes.
 #include <QApplication>
@@ -21,6 +22,7 @@
 #include <QVBoxLayout>
 #include <QWidget>
 #include <cstdio>
+#include <ctime>
 #include <unistd.h>
 
 namespace {
@@ -29,6 +31,8 @@ struct Fields {
     QLineEdit *line = nullptr;
     QLineEdit *password = nullptr;
     QTextEdit *edit = nullptr;
+    // So a benchmark times a paste to the moment it landed, not to when it next asked.
+    qint64 lineChangedNs = 0;
 
     QWidget *named(const QString &name) const {
         if (name == "line")
@@ -52,8 +56,10 @@ QByteArray run(QWidget &window, const Fields &fields, const QString &command) {
     const QString rest = command.section(' ', 1);
     QWidget *field = fields.named(command.section(' ', 1, 1));
     if (verb == "text") {
-        const QJsonObject text{
-            {"line", fields.line->text()}, {"password", fields.password->text()}, {"edit", fields.edit->toPlainText()}};
+        const QJsonObject text{{"line", fields.line->text()},
+                               {"password", fields.password->text()},
+                               {"edit", fields.edit->toPlainText()},
+                               {"lineChangedNs", QString::number(fields.lineChangedNs)}};
         return QJsonDocument(text).toJson(QJsonDocument::Compact);
     }
     if (verb == "copy") {
@@ -108,6 +114,11 @@ int main(int argc, char **argv) {
     window.setWindowTitle("Quorvane target");
     Fields fields{new QLineEdit, new QLineEdit, new QTextEdit};
     fields.password->setEchoMode(QLineEdit::Password);
+    QObject::connect(fields.line, &QLineEdit::textChanged, [&fields] {
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        fields.lineChangedNs = qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
+    });
     auto *layout = new QVBoxLayout(&window);
     layout->addWidget(fields.line);
     layout->addWidget(fields.password);
