@@ -60,12 +60,8 @@ QCoro::Task<RunEnd> runDictation(RunServices s, std::shared_ptr<RunContext> run,
     s.latency.record(s.sinceRelease(*run));
     if (s.config.learnVocabulary)
         s.learner.ingest(shipped);
-    Utterance utterance = s.makeUtterance(*run, raw, formatted.isEmpty() ? shipped : formatted, shipped,
-                                          TranscriptGuard::verdictName(decision.verdict), timings);
-    if (s.config.retainAudio)
-        utterance.audioFile = s.retainAudio(*run);
-    if (s.config.retainHistory)
-        s.store.append(utterance);
+    const Utterance utterance =
+        s.keep(*run, raw, formatted, shipped, TranscriptGuard::verdictName(decision.verdict), timings);
     Log::info(QStringLiteral("Dictation complete") + bulletSeparator() + timings.summary());
     co_return RunOutcome(PipelineState::idle(), utterance);
 }

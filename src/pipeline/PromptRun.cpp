@@ -82,12 +82,7 @@ QCoro::Task<RunEnd> deliverPrompt(RunServices s, std::shared_ptr<RunContext> run
 
     s.latency.record(s.sinceRelease(*run));
     Log::info(QStringLiteral("Prompt Mode complete") + bulletSeparator() + timings.summary());
-    Utterance utterance =
-        s.makeUtterance(*run, raw, compiled.isEmpty() ? prompt : compiled, prompt, verdictName, timings);
-    if (s.config.retainAudio)
-        utterance.audioFile = s.retainAudio(*run);
-    if (s.config.retainHistory)
-        s.store.append(utterance);
+    s.keep(*run, raw, compiled, prompt, verdictName, timings);
     co_return RunOutcome(PipelineState::idle());
 }
 

@@ -64,8 +64,8 @@ std::optional<QString> RunServices::retainAudio(const RunContext &run) const {
     return QFileInfo(path).fileName();
 }
 
-Utterance RunServices::makeUtterance(const RunContext &run, const QString &raw, const QString &formatted,
-                                     const QString &shipped, const QString &verdict, const Timings &timings) const {
+Utterance RunServices::keep(const RunContext &run, const QString &raw, const QString &formatted, const QString &shipped,
+                            const QString &verdict, const Timings &timings) const {
     Utterance utterance;
     utterance.id = run.utteranceID;
     utterance.timestamp = QDateTime::currentDateTimeUtc();
@@ -74,7 +74,7 @@ Utterance RunServices::makeUtterance(const RunContext &run, const QString &raw, 
         utterance.appName = run.app->name;
     }
     utterance.rawTranscript = raw;
-    utterance.formattedText = formatted;
+    utterance.formattedText = formatted.isEmpty() ? shipped : formatted;
     utterance.shippedText = shipped;
     utterance.guardVerdict = verdict;
     utterance.engine = run.asr->name();
@@ -82,6 +82,10 @@ Utterance RunServices::makeUtterance(const RunContext &run, const QString &raw, 
     utterance.asrMS = timings.asrMS;
     utterance.formatMS = timings.formatMS;
     utterance.responseMS = sinceRelease(run);
+    if (config.retainAudio)
+        utterance.audioFile = retainAudio(run);
+    if (config.retainHistory)
+        store.append(utterance);
     return utterance;
 }
 

@@ -109,8 +109,10 @@ struct RunServices {
     void requireOriginalDestination(const RunContext &run) const;
     // Keeps the run's recording when asked; returns its file name.
     std::optional<QString> retainAudio(const RunContext &run) const;
-    Utterance makeUtterance(const RunContext &run, const QString &raw, const QString &formatted, const QString &shipped,
-                            const QString &verdict, const Timings &timings) const;
+    // The history entry of a delivered utterance (the shipped text stands in for a missing
+    // formatted one), its recording kept and the entry appended when the settings ask for them.
+    Utterance keep(const RunContext &run, const QString &raw, const QString &formatted, const QString &shipped,
+                   const QString &verdict, const Timings &timings) const;
 };
 
 // What a step threw, kept rather than thrown, so the caller first checks the run still matters.
