@@ -119,7 +119,9 @@ private:
                                                           std::optional<QString> bundleID,
                                                           std::optional<QString> pinnedPath);
     static QCoro::Task<void> applyBackgroundLookup(QPointer<Pipeline> pipeline, QCoro::Task<RepositoryLookup> lookup);
+    // Opens the engine's utterance and starts the microphone feeding it; throws what either throws.
     static QCoro::Task<void> startCapture(std::shared_ptr<RunContext> run, QStringList hints, bool retainAudio);
+    // The run's transcript; held audio is fed to the engine again first.
     static QCoro::Task<QString> transcribe(std::shared_ptr<RunContext> run);
 
     PipelineState m_state;
