@@ -5,32 +5,22 @@
 #include "core/Log.h"
 #include "core/OffThread.h"
 #include "core/Paths.h"
-#include "core/QuorvaneError.h"
 #include "core/Terminal.h"
 #include "core/Text.h"
 #include "core/Timeout.h"
-#include "formatting/DeveloperPromptGuard.h"
-#include "formatting/PassthroughFormatter.h"
 #include "formatting/RewriteCommand.h"
-#include "formatting/RewriteGuard.h"
-#include "formatting/TranscriptGuard.h"
 #include "pipeline/EngineChoice.h"
+#include "pipeline/Runs.h"
 #include "pipeline/StockPhrases.h"
 #include "speech/AudioFeed.h"
 #include "speech/LinearAudioResampler.h"
 #include "speech/RecognitionContextBuilder.h"
-#include "speech/WavEncoder.h"
 
-#include <QDateTime>
-#include <QFileInfo>
-#include <QSaveFile>
 #include <QUuid>
 #include <algorithm>
 #include <cmath>
 
 namespace {
-
-const QString kBullet = QStringLiteral(" \u00B7 ");
 
 void logTaskFailure(std::exception_ptr error) {
     try {
@@ -47,25 +37,13 @@ QCoro::Task<void> abandonOn(std::shared_ptr<AsrEngine> engine) {
     co_await engine->cancelUtterance();
 }
 
-bool isPassthrough(const TextFormatter &formatter) {
-    return dynamic_cast<const PassthroughFormatter *>(&formatter) != nullptr;
-}
-
 QString repositorySummary(const RepositoryContext &context) {
     QString summary = context.name;
     if (context.branch)
         summary += QStringLiteral(" (") + *context.branch + QStringLiteral(")");
     if (!context.languages.isEmpty())
-        summary += kBullet + context.languages.join(QStringLiteral(", "));
+        summary += bulletSeparator() + context.languages.join(QStringLiteral(", "));
     return summary;
-}
-
-// Notices are full sentences even when the reason inside them is a lower-case fragment.
-QString sentence(const QString &text) {
-    if (text.isEmpty() || text.endsWith(QLatin1Char('.')) || text.endsWith(QLatin1Char('!')) ||
-        text.endsWith(QLatin1Char('?')))
-        return text;
-    return text + QLatin1Char('.');
 }
 
 } // namespace
@@ -91,13 +69,13 @@ Pipeline::Pipeline(Config config, PlatformKit platform, Scheduler &scheduler, st
         m_platform.cues = fallbacks.cues;
     buildEngines();
     m_platform.capture->setVoiceProcessingEnabled(m_config.voiceProcessingEnabled);
-    m_recording = Recording{m_asr, m_platform.capture};
+    m_run = std::make_shared<RunContext>(PipelineMode::dictation, m_asr, m_platform.capture);
 }
 
 Pipeline::~Pipeline() {
     stopRecordingLimit();
     if (m_state.kind == PipelineState::Kind::recording)
-        m_recording.capture->stop();
+        m_run->capture->stop();
 }
 
 // MARK: state
@@ -119,7 +97,25 @@ void Pipeline::setState(const PipelineState &state) {
 }
 
 Pipeline::RunTicket Pipeline::newRun() {
-    return RunTicket{QPointer<Pipeline>(this), ++m_run};
+    ++m_runNumber;
+    return currentRun();
+}
+
+Pipeline::RunTicket Pipeline::currentRun() {
+    return RunTicket{QPointer<Pipeline>(this), m_runNumber};
+}
+
+RunServices Pipeline::services(RunTicket ticket) {
+    return RunServices{m_config,
+                       m_platform,
+                       m_scheduler,
+                       *m_store,
+                       *m_learner,
+                       m_latency,
+                       m_formatter,
+                       m_repositoryContext,
+                       [this](const PipelineState &state) { setState(state); },
+                       [ticket] { return ticket.abandoned(); }};
 }
 
 void Pipeline::buildEngines() {
@@ -131,32 +127,8 @@ void Pipeline::saveConfig() const {
     m_config.save(Paths::file(QStringLiteral("config.json")));
 }
 
-void Pipeline::notify(const QString &title, const QString &body) const {
-    m_platform.notifier->notify(title, body);
-}
-
 void Pipeline::abandonUtterance() {
-    detach(abandonOn(m_recording.asr), logTaskFailure);
-}
-
-void Pipeline::clearPending() {
-    m_pendingSelection.reset();
-    m_selectionFailure.reset();
-    m_pendingRepositoryTask.reset();
-}
-
-void Pipeline::keepOnClipboard(const QString &text) const {
-    try {
-        m_platform.injector->copyToClipboard(text);
-    } catch (...) {
-        Log::warn(QStringLiteral("Could not copy the text to the clipboard: ") +
-                  describeError(std::current_exception()));
-    }
-}
-
-qint64 Pipeline::sinceRelease() const {
-    const qint64 now = m_scheduler.nowMs();
-    return now - m_releaseTime.value_or(now);
+    detach(abandonOn(m_run->asr), logTaskFailure);
 }
 
 // MARK: preparation and settings
@@ -182,7 +154,7 @@ QCoro::Task<void> Pipeline::prepare() {
         Log::error(QStringLiteral("ASR unavailable: ") + description);
         Terminal::tell(description);
         setState(PipelineState::error(description));
-    } else if (m_state.kind == PipelineState::Kind::error && !m_isStarting) {
+    } else if (m_state.kind == PipelineState::Kind::error && !isStarting()) {
         // A working engine clears the error an earlier preparation left on the icon.
         setState(PipelineState::idle());
     }
@@ -227,7 +199,7 @@ QCoro::Task<void> Pipeline::updatePreferences(Config config) {
             if (m_platform.repositoryContext)
                 refreshRepositoryContextInBackground();
         } else {
-            m_pendingRepositoryTask.reset();
+            m_run->repositoryLookup.reset();
         }
     }
     co_return;
@@ -239,17 +211,17 @@ bool Pipeline::isAgentAvailable(AgentKind agent) const {
 
 // MARK: repository lookup
 
-QCoro::Task<Pipeline::RepositoryLookup> Pipeline::lookUpRepository(std::shared_ptr<RepositoryContextProviding> provider,
-                                                                   std::optional<QString> bundleID,
-                                                                   std::optional<QString> pinnedPath) {
+QCoro::Task<RepositoryLookup> Pipeline::lookUpRepository(std::shared_ptr<RepositoryContextProviding> provider,
+                                                         std::optional<QString> bundleID,
+                                                         std::optional<QString> pinnedPath) {
     RepositoryLookup lookup;
-    try {
-        lookup.context = co_await provider->refreshContext(bundleID, pinnedPath);
-    } catch (...) {
-        lookup.error = describeError(std::current_exception());
-    }
+    const auto found = co_await attempt(provider->refreshContext(bundleID, pinnedPath));
+    if (found.failure)
+        lookup.error = describeError(found.failure);
+    else
+        lookup.context = *found.value;
     if (lookup.context)
-        Log::info(QStringLiteral("Repository context ready") + kBullet + repositorySummary(*lookup.context));
+        Log::info(QStringLiteral("Repository context ready") + bulletSeparator() + repositorySummary(*lookup.context));
     else if (lookup.error)
         Log::warn(QStringLiteral("Could not identify a repository: ") + *lookup.error);
     co_return lookup;
@@ -269,28 +241,20 @@ void Pipeline::refreshRepositoryContextInBackground() {
            logTaskFailure);
 }
 
-void Pipeline::startRepositoryLookup() {
-    m_pendingRepositoryTask.reset();
+void Pipeline::startRepositoryLookup(RunContext &run) {
+    run.repositoryLookup.reset();
     if (!m_config.repositoryContextEnabled || !m_platform.repositoryContext)
         return;
-    const std::optional<QString> bundleID = m_pendingApp ? m_pendingApp->bundleID : std::nullopt;
-    m_pendingRepositoryTask.emplace(
+    const std::optional<QString> bundleID = run.app ? run.app->bundleID : std::nullopt;
+    run.repositoryLookup.emplace(
         lookUpRepository(m_platform.repositoryContext, bundleID, m_config.pinnedRepositoryPath));
-}
-
-QCoro::Task<Pipeline::RepositoryLookup> Pipeline::resolvePendingRepositoryContext() {
-    if (!m_pendingRepositoryTask)
-        co_return RepositoryLookup{};
-    QCoro::Task<RepositoryLookup> task = std::move(*m_pendingRepositoryTask);
-    m_pendingRepositoryTask.reset();
-    co_return co_await std::move(task);
 }
 
 // MARK: key-down
 
-void Pipeline::gatherContext(PipelineMode mode, QStringList &hints) {
+void Pipeline::gatherContext(RunContext &run, QStringList &hints) {
     const FrontmostApp app = m_platform.frontmostApp->frontmostApp();
-    m_pendingApp = app;
+    run.app = app;
 
     FormattingContext context;
     context.appName = app.name;
@@ -304,11 +268,11 @@ void Pipeline::gatherContext(PipelineMode mode, QStringList &hints) {
     context.vocabulary = vocabulary;
     if (m_config.retainHistory)
         context.recentTranscripts = m_store->recentTranscripts(5);
-    m_pendingContext = context;
+    run.formatting = context;
 
     // The engine keeps only the first phrases, so an edit command's own words go first.
     hints.clear();
-    if (mode == PipelineMode::editSelection)
+    if (run.mode == PipelineMode::editSelection)
         hints += RewriteCommand::recognitionHints();
     for (const QString &term : vocabulary)
         hints += RecognitionContextBuilder::spokenVariants(term);
@@ -316,94 +280,85 @@ void Pipeline::gatherContext(PipelineMode mode, QStringList &hints) {
 }
 
 void Pipeline::begin(PipelineMode mode) {
-    if (m_state.kind == PipelineState::Kind::recording || m_state.kind == PipelineState::Kind::thinking || m_isStarting)
+    if (m_state.kind == PipelineState::Kind::recording || m_state.kind == PipelineState::Kind::thinking || isStarting())
         return;
-    m_activeMode = mode;
-    m_utteranceID = QUuid::createUuid().toString(QUuid::WithoutBraces);
-    m_recordingStart = m_scheduler.nowMs();
-    m_releaseTime.reset();
-    m_isStarting = true;
-    m_pendingFinish = false;
-    m_limitFinishedMode.reset();
-    clearPending();
+    m_phase = Starting{};
+    m_run->clearPending();
+    m_run = std::make_shared<RunContext>(mode, m_asr, m_platform.capture);
+    m_run->utteranceID = QUuid::createUuid().toString(QUuid::WithoutBraces);
+    m_run->recordingStart = m_scheduler.nowMs();
 
     QStringList hints;
-    gatherContext(mode, hints);
+    gatherContext(*m_run, hints);
     if (mode == PipelineMode::editSelection && m_platform.selectionEditor) {
-        try {
-            m_pendingSelection = m_platform.selectionEditor->captureSelection();
-        } catch (...) {
-            m_selectionFailure = describeError(std::current_exception());
-            Log::warn(QStringLiteral("Could not capture the selection: ") + *m_selectionFailure);
+        if (const std::exception_ptr failure =
+                failureOf([&] { m_run->selection = m_platform.selectionEditor->captureSelection(); })) {
+            m_run->selectionFailure = describeError(failure);
+            Log::warn(QStringLiteral("Could not capture the selection: ") + *m_run->selectionFailure);
         }
     } else if (mode == PipelineMode::developerPrompt) {
-        startRepositoryLookup();
+        startRepositoryLookup(*m_run);
     }
-    m_recording = Recording{m_asr, m_platform.capture};
-    detach(startRecording(newRun(), m_recording, hints), logTaskFailure);
+    detach(startRecording(newRun(), m_run, hints), logTaskFailure);
 }
 
-QCoro::Task<void> Pipeline::startRecording(RunTicket ticket, Recording recording, QStringList hints) {
-    const auto asr = recording.asr;
-    const auto capture = recording.capture;
-    const auto peak = recording.peak;
+QCoro::Task<void> Pipeline::startCapture(std::shared_ptr<RunContext> run, QStringList hints, bool retainAudio) {
+    const auto asr = run->asr;
+    const auto capture = run->capture;
     const double sampleRate = asr->requiredSampleRate();
-    const bool retainAudio = m_config.retainAudio;
-    std::exception_ptr failure;
-    try {
-        co_await asr->beginUtterance(hints);
-        capture->setOnChunk([asr, peak, heard = recording.heard](const AudioChunk &chunk) {
-            float loudest = 0;
-            for (const float sample : chunk.samples)
-                loudest = std::max(loudest, std::abs(sample));
-            // The pre-roll and the device's chunks may come from different threads.
-            float seen = peak->load(std::memory_order_relaxed);
-            while (loudest > seen && !peak->compare_exchange_weak(seen, loudest, std::memory_order_relaxed)) {
-            }
-            {
-                std::lock_guard lock(heard->lock);
-                heard->samples.insert(heard->samples.end(), chunk.samples.begin(), chunk.samples.end());
-                heard->sampleRate = chunk.sampleRate;
-            }
-            asr->append(chunk);
-        });
-        // Starting a device can block for a while, and key events must keep flowing on the main
-        // thread meanwhile. Every capture is safe to start from a pool thread: each guards its
-        // state with locks and delivers from threads of its own.
-        co_await runOffThread<bool>([capture, sampleRate, retainAudio] {
-            capture->start(sampleRate, retainAudio);
-            return true;
-        });
-    } catch (...) {
-        failure = std::current_exception();
-    }
+    co_await asr->beginUtterance(hints);
+    capture->setOnChunk([asr, peak = run->peak, heard = run->heard](const AudioChunk &chunk) {
+        float loudest = 0;
+        for (const float sample : chunk.samples)
+            loudest = std::max(loudest, std::abs(sample));
+        // The pre-roll and the device's chunks may come from different threads.
+        float seen = peak->load(std::memory_order_relaxed);
+        while (loudest > seen && !peak->compare_exchange_weak(seen, loudest, std::memory_order_relaxed)) {
+        }
+        {
+            std::lock_guard lock(heard->lock);
+            heard->samples.insert(heard->samples.end(), chunk.samples.begin(), chunk.samples.end());
+            heard->sampleRate = chunk.sampleRate;
+        }
+        asr->append(chunk);
+    });
+    // Starting a device can block for a while, and key events must keep flowing on the main
+    // thread meanwhile. Every capture is safe to start from a pool thread: each guards its
+    // state with locks and delivers from threads of its own.
+    co_await runOffThread<bool>([capture, sampleRate, retainAudio] {
+        capture->start(sampleRate, retainAudio);
+        return true;
+    });
+}
+
+QCoro::Task<void> Pipeline::startRecording(RunTicket ticket, std::shared_ptr<RunContext> run, QStringList hints) {
+    const std::exception_ptr failure = (co_await attempt(startCapture(run, hints, m_config.retainAudio))).failure;
     if (!ticket.pipeline) {
         if (!failure)
-            capture->stop();
+            run->capture->stop();
         co_return;
     }
-    m_isStarting = false;
+    const auto *starting = std::get_if<Starting>(&m_phase);
+    const bool released = starting && starting->released;
+    m_phase = Settled{};
     if (ticket.abandoned()) {
         // Cancelled while starting: nothing may keep listening.
-        m_pendingFinish = false;
         if (!failure)
-            capture->stop();
-        detach(abandonOn(asr), logTaskFailure);
+            run->capture->stop();
+        detach(abandonOn(run->asr), logTaskFailure);
         co_return;
     }
     if (failure) {
         const QString description = describeError(failure);
-        m_pendingFinish = false;
-        clearPending();
-        Log::error(QStringLiteral("Could not start recording: ") + description);
-        setState(PipelineState::error(description));
-        notify(QStringLiteral("Quorvane"), description);
-        detach(abandonOn(asr), logTaskFailure);
+        run->clearPending();
+        services(ticket).failed(QStringLiteral("ERROR"), QStringLiteral("Could not start recording: "), description,
+                                QStringLiteral("Quorvane"), {}, [&] { setState(PipelineState::error(description)); });
+        detach(abandonOn(run->asr), logTaskFailure);
         co_return;
     }
 
     setState(PipelineState::recording());
-    switch (m_activeMode) {
+    switch (run->mode) {
     case PipelineMode::dictation:
         Log::info(QStringLiteral("Recording started."));
         break;
@@ -415,10 +370,9 @@ QCoro::Task<void> Pipeline::startRecording(RunTicket ticket, Recording recording
         break;
     }
     startRecordingLimit();
-    if (m_pendingFinish) {
-        m_pendingFinish = false;
+    if (released) {
         Log::info(QStringLiteral("Applying release that arrived during startup."));
-        finish(m_activeMode);
+        finish(run->mode);
     }
 }
 
@@ -434,7 +388,7 @@ void Pipeline::startRecordingLimit() {
     stopRecordingLimit();
     const qint64 limit = m_config.maximumRecordingSeconds;
     const QString label = recordingLimitLabel(limit);
-    const PipelineMode mode = m_activeMode;
+    const PipelineMode mode = m_run->mode;
     QPointer<Pipeline> self(this);
     m_maxHoldTimer = m_scheduler.schedule(limit * 1000, [self, limit, label, mode] {
         if (self)
@@ -451,29 +405,31 @@ void Pipeline::onRecordingLimit(qint64 limit, const QString &label, PipelineMode
     if (m_state.kind != PipelineState::Kind::recording)
         return;
     Log::warn(QStringLiteral("Maximum %1s recording reached without a key-up; finishing automatically.").arg(limit));
-    m_limitFinishedMode = mode;
-    notify(QStringLiteral("Recording limit reached"),
-           QStringLiteral("Quorvane finished this dictation after ") + label +
-               QStringLiteral(". Choose a longer limit from the menu or continue in a new dictation."));
+    m_phase = LimitReached{mode};
+    services(currentRun())
+        .notify(QStringLiteral("Recording limit reached"),
+                QStringLiteral("Quorvane finished this dictation after ") + label +
+                    QStringLiteral(". Choose a longer limit from the menu or continue in a new "
+                                   "dictation."));
     finish(mode);
 }
 
 // MARK: key-up and cancel
 
 void Pipeline::finish(std::optional<PipelineMode> expectedMode) {
-    if (expectedMode && *expectedMode != m_activeMode)
+    if (expectedMode && *expectedMode != m_run->mode)
         return;
-    if (expectedMode && expectedMode == m_limitFinishedMode && m_state.kind != PipelineState::Kind::recording &&
-        !m_isStarting) {
+    const auto *limited = std::get_if<LimitReached>(&m_phase);
+    if (expectedMode && limited && limited->mode == *expectedMode && m_state.kind != PipelineState::Kind::recording) {
         // The user lets go of a key whose recording the limit already finished: its run goes on.
-        m_limitFinishedMode.reset();
+        m_phase = Settled{};
         Log::info(QStringLiteral("Key released after the recording limit finished the recording."));
         return;
     }
     stopRecordingLimit();
     if (m_state.kind != PipelineState::Kind::recording) {
-        if (m_isStarting) {
-            m_pendingFinish = true;
+        if (auto *starting = std::get_if<Starting>(&m_phase)) {
+            starting->released = true;
             Log::info(QStringLiteral("Release arrived during startup; will apply once recording begins."));
             return;
         }
@@ -484,19 +440,19 @@ void Pipeline::finish(std::optional<PipelineMode> expectedMode) {
     }
 
     const qint64 now = m_scheduler.nowMs();
-    const qint64 held = now - m_recordingStart.value_or(now);
-    m_releaseTime = now;
-    m_recording.capture->stop();
+    const qint64 held = now - m_run->recordingStart.value_or(now);
+    m_run->releaseTime = now;
+    m_run->capture->stop();
 
     if (held < minimumHoldMs) {
         Log::info(QStringLiteral("Ignored %1 ms key tap.").arg(held));
-        clearPending();
+        m_run->clearPending();
         setState(PipelineState::idle());
         abandonUtterance();
         return;
     }
 
-    const AudioCaptureStatus status = m_recording.capture->lastCaptureStatus();
+    const AudioCaptureStatus status = m_run->capture->lastCaptureStatus();
     if (status == AudioCaptureStatus::noBuffers || status == AudioCaptureStatus::digitalSilence) {
         const QString message =
             status == AudioCaptureStatus::noBuffers
@@ -505,9 +461,9 @@ void Pipeline::finish(std::optional<PipelineMode> expectedMode) {
                 : QStringLiteral("macOS sent a silent microphone stream. Quorvane switched to its reliable fallback; "
                                  "please try that dictation again.");
         Log::error(QStringLiteral("Recording produced no usable microphone audio. ") + message);
-        clearPending();
+        m_run->clearPending();
         setState(PipelineState::error(message));
-        notify(QStringLiteral("Microphone recovered"), message);
+        services(currentRun()).notify(QStringLiteral("Microphone recovered"), message);
         abandonUtterance();
         return;
     }
@@ -515,7 +471,7 @@ void Pipeline::finish(std::optional<PipelineMode> expectedMode) {
     setState(PipelineState::thinking());
     Timings timings;
     timings.recordingMS = held;
-    detach(runGuarded(RunTicket{QPointer<Pipeline>(this), m_run}, timings), logTaskFailure);
+    detach(runGuarded(currentRun(), timings), logTaskFailure);
 }
 
 void Pipeline::bindHotkey(GlobalHotkey &hotkey, PipelineMode mode) {
@@ -531,11 +487,13 @@ void Pipeline::bindHotkey(GlobalHotkey &hotkey, PipelineMode mode) {
 }
 
 void Pipeline::cancel() {
-    ++m_run;
+    ++m_runNumber;
     stopRecordingLimit();
-    m_pendingFinish = false;
-    m_recording.capture->stop();
-    clearPending();
+    // A start under way still ends its own phase once the capture answers.
+    if (auto *starting = std::get_if<Starting>(&m_phase))
+        starting->released = false;
+    m_run->capture->stop();
+    m_run->clearPending();
     setState(PipelineState::idle());
     abandonUtterance();
 }
@@ -543,43 +501,35 @@ void Pipeline::cancel() {
 // MARK: retry
 
 bool Pipeline::canRetry() const {
-    return m_heldAudio && !m_isStarting &&
+    return m_heldAudio && !isStarting() &&
            (m_state.kind == PipelineState::Kind::idle || m_state.kind == PipelineState::Kind::error);
 }
 
-void Pipeline::holdForRetry(const Recording &recording) {
+void Pipeline::holdForRetry(const RunContext &run) {
     // A retry that fails again keeps what it retried.
-    if (recording.replay)
+    if (run.replay)
         return;
     auto held = std::make_shared<HeldAudio>();
     {
-        std::lock_guard lock(recording.heard->lock);
-        held->samples = std::move(recording.heard->samples);
-        held->sampleRate = recording.heard->sampleRate;
+        std::lock_guard lock(run.heard->lock);
+        held->samples = std::move(run.heard->samples);
+        held->sampleRate = run.heard->sampleRate;
     }
     if (held->samples.empty() || held->sampleRate <= 0)
         return;
-    held->utteranceID = m_utteranceID;
-    held->peak = recording.peak->load();
+    held->utteranceID = run.utteranceID;
+    held->peak = run.peak->load();
     m_heldAudio = std::move(held);
     // Kept recordings are kept whatever became of them, so this one survives a quit too.
     if (m_config.retainAudio)
-        retainCurrentAudio();
+        services(currentRun()).retainAudio(run);
     Log::info(QStringLiteral("The dictation is held; choose Retry last dictation from the menu to transcribe it "
                              "again."));
 }
 
-void Pipeline::releaseHeard(const Recording &recording) {
-    std::lock_guard lock(recording.heard->lock);
-    recording.heard->samples = {};
-}
-
-QCoro::Task<void> Pipeline::replay(std::shared_ptr<AsrEngine> asr, std::shared_ptr<const HeldAudio> held,
-                                   QStringList hints) {
-    co_await asr->beginUtterance(hints);
-    // The engine may have changed since, and with it the rate it takes.
-    const double rate = asr->requiredSampleRate();
-    feedInChunks(*asr, LinearAudioResampler::resample(held->samples, held->sampleRate, rate), rate);
+void Pipeline::releaseHeard(const RunContext &run) {
+    std::lock_guard lock(run.heard->lock);
+    run.heard->samples = {};
 }
 
 void Pipeline::retryLastDictation() {
@@ -589,22 +539,19 @@ void Pipeline::retryLastDictation() {
     }
     const std::shared_ptr<const HeldAudio> held = m_heldAudio;
     stopRecordingLimit();
-    m_activeMode = PipelineMode::dictation;
+    m_phase = Settled{};
+    m_run->clearPending();
+    m_run = std::make_shared<RunContext>(PipelineMode::dictation, m_asr, m_platform.capture);
     // The same utterance: its kept recording and its history entry share the name.
-    m_utteranceID = held->utteranceID;
-    m_recordingStart.reset();
-    m_releaseTime = m_scheduler.nowMs();
-    m_pendingFinish = false;
-    m_limitFinishedMode.reset();
-    clearPending();
+    m_run->utteranceID = held->utteranceID;
+    m_run->releaseTime = m_scheduler.nowMs();
 
     QStringList hints;
     // The text goes where the user is now, styled for it.
-    gatherContext(PipelineMode::dictation, hints);
-    m_recording = Recording{m_asr, m_platform.capture};
-    m_recording.peak->store(held->peak);
-    m_recording.replay = held;
-    m_recording.replayHints = hints;
+    gatherContext(*m_run, hints);
+    m_run->peak->store(held->peak);
+    m_run->replay = held;
+    m_run->replayHints = hints;
     Log::info(QStringLiteral("Retrying the last dictation."));
     setState(PipelineState::thinking());
     Timings timings;
@@ -615,72 +562,78 @@ void Pipeline::retryLastDictation() {
 // MARK: runs
 
 QCoro::Task<void> Pipeline::runGuarded(RunTicket ticket, Timings timings) {
+    const std::shared_ptr<RunContext> run = m_run;
+    auto inference = co_await attempt(runInference(ticket, timings));
     RunEnd end;
-    try {
-        end = co_await runInference(ticket, timings);
-    } catch (...) {
+    if (inference.failure) {
         // Whatever went wrong, the run must not leave the pipeline thinking.
-        const QString description = describeError(std::current_exception());
+        const QString description = describeError(inference.failure);
         Log::error(QStringLiteral("Processing failed: ") + description);
         end.emplace(PipelineState::error(description));
+    } else {
+        end = std::move(*inference.value);
     }
     if (ticket.abandoned() || !end)
         co_return;
-    clearPending();
+    run->clearPending();
     setState(end->state);
     if (end->delivered && onUtterance)
         onUtterance(*end->delivered);
 }
 
-QCoro::Task<Pipeline::RunEnd> Pipeline::runInference(RunTicket ticket, Timings timings) {
-    const Recording recording = m_recording;
-    const auto asr = recording.asr;
-    const qint64 started = m_scheduler.nowMs();
-    QString raw;
-    std::exception_ptr failure;
-    try {
-        if (recording.replay)
-            co_await replay(asr, recording.replay, recording.replayHints);
-        raw = co_await asr->finishUtterance();
-    } catch (...) {
-        failure = std::current_exception();
+QCoro::Task<QString> Pipeline::transcribe(std::shared_ptr<RunContext> run) {
+    const auto asr = run->asr;
+    if (const std::shared_ptr<const HeldAudio> held = run->replay) {
+        co_await asr->beginUtterance(run->replayHints);
+        // The engine may have changed since, and with it the rate it takes.
+        const double rate = asr->requiredSampleRate();
+        feedInChunks(*asr, LinearAudioResampler::resample(held->samples, held->sampleRate, rate), rate);
     }
+    co_return co_await asr->finishUtterance();
+}
+
+QCoro::Task<RunEnd> Pipeline::runInference(RunTicket ticket, Timings timings) {
+    const std::shared_ptr<RunContext> run = m_run;
+    const qint64 started = m_scheduler.nowMs();
+    const auto heard = co_await attempt(transcribe(run));
     if (ticket.abandoned())
         co_return std::nullopt;
     timings.asrMS = m_scheduler.nowMs() - started;
-    if (failure) {
-        const QString description = describeError(failure);
-        Log::error(QStringLiteral("Transcription failed: ") + description);
-        // Before the state changes, so that whoever draws the error can offer the retry.
-        if (m_activeMode == PipelineMode::dictation)
-            holdForRetry(recording);
-        releaseHeard(recording);
+    const RunServices s = services(ticket);
+    if (heard.failure) {
+        const QString description = describeError(heard.failure);
         // The icon shows the error by the time its notice appears.
-        setState(PipelineState::error(description));
-        notify(QStringLiteral("Transcription failed"), description);
-        co_return RunOutcome(PipelineState::error(description));
+        co_return RunOutcome(s.failed(QStringLiteral("ERROR"), QStringLiteral("Transcription failed: "), description,
+                                      QStringLiteral("Transcription failed"), {}, [&] {
+                                          // Before the state changes, so that whoever draws the error can offer
+                                          // the retry.
+                                          if (run->mode == PipelineMode::dictation)
+                                              holdForRetry(*run);
+                                          releaseHeard(*run);
+                                          setState(PipelineState::error(description));
+                                      }));
     }
-    if (recording.replay && m_heldAudio == recording.replay)
+    if (run->replay && m_heldAudio == run->replay)
         m_heldAudio.reset();
     // Only a failure needs the audio again.
-    releaseHeard(recording);
-    raw = Text::trimmed(raw);
+    releaseHeard(*run);
+    const QString raw = Text::trimmed(*heard.value);
     if (raw.isEmpty()) {
         Log::info(QStringLiteral("Nothing was said."));
         co_return RunOutcome(PipelineState::idle());
     }
     // Recognisers answer near-silence with stock phrases nobody said.
-    if (recording.peak->load() < silentPeak && StockPhrases::only(raw)) {
+    if (run->peak->load() < silentPeak && StockPhrases::only(raw)) {
         Log::info(QStringLiteral("Nothing was said; dropped \"") + raw + QStringLiteral("\" heard in near-silence."));
         co_return RunOutcome(PipelineState::idle());
     }
-    switch (m_activeMode) {
+    switch (run->mode) {
     case PipelineMode::dictation:
-        co_return co_await runDictation(ticket, raw, timings);
+        co_return co_await runDictation(s, run, raw, timings);
     case PipelineMode::editSelection:
-        co_return co_await runEditCommand(ticket, raw, timings);
+        co_return co_await runEditCommand(s, run, raw, timings);
     case PipelineMode::developerPrompt:
-        co_return co_await runDeveloperPrompt(ticket, raw, timings);
+        co_return co_await runDeveloperPrompt(s, run, raw, timings);
     }
     co_return RunOutcome(PipelineState::idle());
 }
@@ -688,325 +641,4 @@ QCoro::Task<Pipeline::RunEnd> Pipeline::runInference(RunTicket ticket, Timings t
 qint64 Pipeline::formatterBudget(const Config &config, qint64 words, qint64 maxBase) {
     const qint64 base = std::clamp<qint64>(config.formatterTimeoutMS, 1, maxBase);
     return std::min(config.formatterTimeoutCeiling(base), base + 50 * std::max<qint64>(0, words - 20));
-}
-
-void Pipeline::requireOriginalDestination() const {
-    const FrontmostApp now = m_platform.frontmostApp->frontmostApp();
-    if (m_pendingApp && !m_pendingApp->sameApplication(now))
-        throw QuorvaneError(QuorvaneError::Case::destinationChanged);
-}
-
-std::optional<QString> Pipeline::retainCurrentAudio() {
-    const QString path = m_store->audioURL(m_utteranceID);
-    if (!m_recording.replay) {
-        m_recording.capture->writeRetainedAudio(path);
-    } else if (!QFileInfo::exists(path)) {
-        // Kept when it failed only if recordings were kept then; the capture has moved on since.
-        QSaveFile file(path);
-        if (file.open(QIODevice::WriteOnly)) {
-            file.write(WavEncoder::encode(m_recording.replay->samples, m_recording.replay->sampleRate));
-            file.commit();
-        }
-    }
-    if (!QFileInfo::exists(path))
-        return std::nullopt;
-    m_store->didWriteAudio(path);
-    return QFileInfo(path).fileName();
-}
-
-Utterance Pipeline::makeUtterance(const QString &raw, const QString &formatted, const QString &shipped,
-                                  const QString &verdict, const Timings &timings) const {
-    Utterance utterance;
-    utterance.id = m_utteranceID;
-    utterance.timestamp = QDateTime::currentDateTimeUtc();
-    if (m_pendingApp) {
-        utterance.appBundleID = m_pendingApp->bundleID;
-        utterance.appName = m_pendingApp->name;
-    }
-    utterance.rawTranscript = raw;
-    utterance.formattedText = formatted;
-    utterance.shippedText = shipped;
-    utterance.guardVerdict = verdict;
-    utterance.engine = m_recording.asr->name();
-    utterance.formatter = m_formatter->name();
-    utterance.asrMS = timings.asrMS;
-    utterance.formatMS = timings.formatMS;
-    utterance.responseMS = sinceRelease();
-    return utterance;
-}
-
-QCoro::Task<Pipeline::RunEnd> Pipeline::runDictation(RunTicket ticket, QString raw, Timings timings) {
-    using Verdict = TranscriptGuard::Verdict;
-    const auto formatter = m_formatter;
-    const qint64 words = TranscriptGuard::words(raw).size();
-    TranscriptGuard::Decision decision;
-    QString formatted;
-
-    if (m_config.formatter == FormatterKind::none || isPassthrough(*formatter)) {
-        decision = TranscriptGuard::fallback(raw, Verdict::formatterDisabled);
-    } else if (!formatter->isAvailable()) {
-        decision = TranscriptGuard::fallback(raw, Verdict::formatterFailed);
-    } else if (words < m_config.guardMinWordsForLLM) {
-        decision = TranscriptGuard::fallback(raw, Verdict::skippedTooShort);
-    } else {
-        const qint64 budget = formatterBudget(m_config, words);
-        const FormattingContext context = m_pendingContext;
-        const qint64 started = m_scheduler.nowMs();
-        const auto outcome = co_await withTimeout<QString>(
-            budget, [formatter, raw, context] { return formatter->format(raw, context); }, m_scheduler);
-        if (ticket.abandoned())
-            co_return std::nullopt;
-        timings.formatMS = m_scheduler.nowMs() - started;
-        if (outcome.timedOut()) {
-            Log::warn(QStringLiteral("Formatter exceeded its %1 ms budget.").arg(budget));
-            decision = TranscriptGuard::fallback(raw, Verdict::formatterFailed);
-        } else if (outcome.error) {
-            Log::warn(QStringLiteral("Formatter failed: ") + describeError(outcome.error));
-            decision = TranscriptGuard::fallback(raw, Verdict::formatterFailed);
-        } else {
-            formatted = *outcome.value;
-            decision = TranscriptGuard::fromConfig(m_config).evaluate(raw, formatted);
-            if (decision.verdict != Verdict::accepted)
-                Log::warn(QStringLiteral("Guard overruled the formatter (") + toName(decision.verdict) +
-                          QStringLiteral(")"));
-        }
-    }
-
-    const QString shipped = decision.text;
-    const qint64 injectStarted = m_scheduler.nowMs();
-    std::exception_ptr failure;
-    try {
-        requireOriginalDestination();
-        m_platform.injector->inject(shipped);
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    if (failure) {
-        const QString description = describeError(failure);
-        Log::error(QStringLiteral("Injection failed: ") + description);
-        keepOnClipboard(shipped);
-        notify(QStringLiteral("Couldn't type that"), QStringLiteral("The text is on your clipboard \u2014 press ") +
-                                                         m_platform.pasteShortcut + QStringLiteral(" to paste it."));
-        co_return RunOutcome(PipelineState::error(description));
-    }
-    timings.injectMS = m_scheduler.nowMs() - injectStarted;
-    // The text is in: the icon need not wait for the audio file and the history entry.
-    setState(PipelineState::idle());
-
-    m_latency.record(sinceRelease());
-    if (m_config.learnVocabulary)
-        m_learner->ingest(shipped);
-    Utterance utterance =
-        makeUtterance(raw, formatted.isEmpty() ? shipped : formatted, shipped, toName(decision.verdict), timings);
-    if (m_config.retainAudio)
-        utterance.audioFile = retainCurrentAudio();
-    if (m_config.retainHistory)
-        m_store->append(utterance);
-    Log::info(QStringLiteral("Dictation complete") + kBullet + timings.summary());
-    co_return RunOutcome(PipelineState::idle(), utterance);
-}
-
-QCoro::Task<Pipeline::RunEnd> Pipeline::runEditCommand(RunTicket ticket, QString raw, Timings timings) {
-    const std::optional<RewriteCommand> command = RewriteCommand::parse(raw);
-    if (!command) {
-        Log::info(QStringLiteral("Edit command was not recognized; selection left untouched."));
-        notify(QStringLiteral("Edit command not recognized"),
-               QStringLiteral("Say one command: ") + RewriteCommand::recognitionHints().join(QStringLiteral(", ")) +
-                   QStringLiteral("."));
-        co_return RunOutcome(PipelineState::idle());
-    }
-    if (!m_pendingSelection || !m_platform.selectionEditor) {
-        const QString reason = m_selectionFailure ? sentence(*m_selectionFailure)
-                                                  : QStringLiteral("The original selection is no longer available.");
-        notify(QStringLiteral("Edit in Place"), reason + QStringLiteral(" Nothing was replaced."));
-        co_return RunOutcome(PipelineState::idle());
-    }
-
-    const SelectedTextSnapshot selection = *m_pendingSelection;
-    const auto formatter = m_formatter;
-    const FormattingContext context = m_pendingContext;
-    const RewriteCommand chosen = *command;
-    const qint64 budget = formatterBudget(m_config, TranscriptGuard::words(selection.text).size());
-    const qint64 started = m_scheduler.nowMs();
-    const auto outcome = co_await withTimeout<QString>(
-        budget,
-        [formatter, text = selection.text, chosen, context] { return formatter->rewrite(text, chosen, context); },
-        m_scheduler);
-    if (ticket.abandoned())
-        co_return std::nullopt;
-    timings.formatMS = m_scheduler.nowMs() - started;
-    if (outcome.timedOut()) {
-        Log::warn(QStringLiteral("Selected-text rewrite exceeded its %1 ms budget.").arg(budget));
-        notify(QStringLiteral("Rewrite timed out"), QStringLiteral("The original text was left unchanged."));
-        co_return RunOutcome(PipelineState::idle());
-    }
-    if (outcome.error) {
-        Log::warn(QStringLiteral("Selected-text rewrite failed: ") + describeError(outcome.error));
-        notify(QStringLiteral("Rewrite failed"), QStringLiteral("The original text was left unchanged."));
-        co_return RunOutcome(PipelineState::idle());
-    }
-
-    const RewriteGuard::Decision decision =
-        RewriteGuard::evaluate(selection.text, *outcome.value, chosen, context.vocabulary);
-    if (decision.verdict != RewriteGuard::Verdict::accepted) {
-        Log::warn(QStringLiteral("Rewrite guard kept the original selection (") + toName(decision.verdict) +
-                  QStringLiteral(")"));
-        notify(QStringLiteral("Unsafe rewrite blocked"),
-               QStringLiteral("Quorvane kept the original text because the rewrite changed protected content or "
-                              "meaning."));
-        co_return RunOutcome(PipelineState::idle());
-    }
-
-    const qint64 replaceStarted = m_scheduler.nowMs();
-    std::exception_ptr failure;
-    try {
-        m_platform.selectionEditor->replaceSelection(selection, decision.text);
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    if (failure) {
-        const QString description = describeError(failure);
-        Log::warn(QStringLiteral("Selected text was not replaced: ") + description);
-        notify(QStringLiteral("Nothing was replaced"), description);
-        co_return RunOutcome(PipelineState::error(description));
-    }
-    timings.injectMS = m_scheduler.nowMs() - replaceStarted;
-    m_latency.record(sinceRelease());
-    Log::info(QStringLiteral("Edit in Place complete") + kBullet + chosen.displayName() + kBullet + timings.summary());
-    co_return RunOutcome(PipelineState::idle());
-}
-
-QCoro::Task<Pipeline::RunEnd> Pipeline::runDeveloperPrompt(RunTicket ticket, QString raw, Timings timings) {
-    using Verdict = DeveloperPromptGuard::Verdict;
-    const qint64 lookupStarted = m_scheduler.nowMs();
-    const bool lookupExpected = m_config.repositoryContextEnabled && m_platform.repositoryContext;
-    const RepositoryLookup lookup = co_await resolvePendingRepositoryContext();
-    if (ticket.abandoned())
-        co_return std::nullopt;
-    timings.contextMS = m_scheduler.nowMs() - lookupStarted;
-    const std::optional<RepositoryContext> repository = lookup.context;
-    if (repository) {
-        m_repositoryContext = repository;
-    } else if (lookupExpected) {
-        notify(QStringLiteral("No repository context"),
-               lookup.error ? QStringLiteral("Could not identify a repository: ") + sentence(*lookup.error)
-                            : QStringLiteral("Quorvane found no Git repository for this app; choose a repository "
-                                             "from the Quorvane menu."));
-    }
-
-    FormattingContext context = m_pendingContext;
-    if (repository) {
-        context.repositoryPromptContext = repository->promptContext();
-        context.vocabulary += repository->vocabulary;
-        context.vocabulary.removeDuplicates();
-    }
-
-    const auto formatter = m_formatter;
-    DeveloperPromptGuard::Decision decision;
-    QString compiled;
-    if (m_config.formatter == FormatterKind::none || isPassthrough(*formatter)) {
-        // The user chose no model: the verbatim request is what they asked for, not a failure.
-        decision = DeveloperPromptGuard::fallback(raw, Verdict::formatterDisabled);
-        co_return co_await deliverPrompt(ticket, raw, compiled, decision, repository, timings);
-    }
-    const qint64 budget = formatterBudget(m_config, TranscriptGuard::words(raw).size(), promptBaseLimitMs);
-    const qint64 started = m_scheduler.nowMs();
-    const auto outcome = co_await withTimeout<QString>(
-        budget, [formatter, raw, context] { return formatter->compileDeveloperPrompt(raw, context); }, m_scheduler);
-    if (ticket.abandoned())
-        co_return std::nullopt;
-    timings.formatMS = m_scheduler.nowMs() - started;
-
-    const QString simplified = QStringLiteral("Prompt simplified for safety");
-    if (outcome.timedOut()) {
-        Log::warn(QStringLiteral("Prompt compilation exceeded its %1 ms budget.").arg(budget));
-        decision = DeveloperPromptGuard::fallback(raw, Verdict::formatterFailed);
-        notify(simplified, QStringLiteral("The local model timed out, so Quorvane kept your request verbatim."));
-    } else if (outcome.error) {
-        Log::warn(QStringLiteral("Prompt compilation failed: ") + describeError(outcome.error));
-        decision = DeveloperPromptGuard::fallback(raw, Verdict::formatterFailed);
-        notify(simplified, QStringLiteral("The local model failed, so Quorvane kept your request verbatim."));
-    } else {
-        compiled = *outcome.value;
-        decision = DeveloperPromptGuard::evaluate(raw, compiled, context.vocabulary, context.repositoryPromptContext);
-        if (decision.verdict != Verdict::accepted) {
-            Log::warn(QStringLiteral("Prompt guard used the lossless fallback ") + toName(decision.verdict));
-            notify(simplified,
-                   QStringLiteral("The model changed protected content, so Quorvane kept your request verbatim."));
-        }
-    }
-    co_return co_await deliverPrompt(ticket, raw, compiled, decision, repository, timings);
-}
-
-QCoro::Task<Pipeline::RunEnd> Pipeline::deliverPrompt(RunTicket ticket, QString raw, QString compiled,
-                                                      DeveloperPromptGuard::Decision decision,
-                                                      std::optional<RepositoryContext> repository, Timings timings) {
-    using Verdict = DeveloperPromptGuard::Verdict;
-    const QString prompt = decision.text;
-    const QString verdictName = toName(decision.verdict);
-    const std::optional<AgentKind> agent = agentKind(m_config.promptDestination);
-
-    const qint64 deliveryStarted = m_scheduler.nowMs();
-    std::exception_ptr failure;
-    if (!agent) {
-        try {
-            requireOriginalDestination();
-            m_platform.injector->inject(prompt);
-        } catch (...) {
-            failure = std::current_exception();
-        }
-    } else if (decision.verdict != Verdict::accepted) {
-        // A fallback is the raw request: the user decides whether it is fit to send.
-        Log::warn(QStringLiteral("Direct handoff withheld because the prompt used a lossless fallback (") +
-                  verdictName + QStringLiteral(")"));
-        keepOnClipboard(prompt);
-        notify(QStringLiteral("Review prompt before sending"),
-               QStringLiteral("Quorvane used a lossless fallback, so it did not send the prompt automatically. "
-                              "Review it on your clipboard."));
-    } else {
-        keepOnClipboard(prompt);
-        const auto launcher = m_platform.agentHandoff;
-        if (!launcher) {
-            failure = std::make_exception_ptr(
-                QuorvaneError::agentUnavailable(QStringLiteral("handing prompts to coding agents is not available on "
-                                                               "this desktop")));
-        } else if (!repository) {
-            failure = std::make_exception_ptr(QuorvaneError::agentUnavailable(
-                QStringLiteral("no Git repository was found; choose a repository from the Quorvane menu")));
-        } else {
-            try {
-                co_await launcher->handoff(prompt, *agent, *repository);
-            } catch (...) {
-                failure = std::current_exception();
-            }
-            if (ticket.abandoned())
-                co_return std::nullopt;
-        }
-    }
-    if (failure) {
-        QString description = describeError(failure);
-        try {
-            std::rethrow_exception(failure);
-        } catch (const QuorvaneError &error) {
-            if (error.errorCase() == QuorvaneError::Case::agentUnavailable)
-                description = QStringLiteral("The coding agent is unavailable: ") + error.detail();
-        } catch (...) {
-        }
-        Log::error(QStringLiteral("Prompt delivery failed: ") + description);
-        if (!agent)
-            keepOnClipboard(prompt);
-        notify(QStringLiteral("Prompt copied instead"),
-               sentence(description) + QStringLiteral(" The prompt is on your clipboard."));
-        co_return RunOutcome(PipelineState::error(description));
-    }
-    timings.injectMS = m_scheduler.nowMs() - deliveryStarted;
-
-    m_latency.record(sinceRelease());
-    Log::info(QStringLiteral("Prompt Mode complete") + kBullet + timings.summary());
-    Utterance utterance = makeUtterance(raw, compiled.isEmpty() ? prompt : compiled, prompt, verdictName, timings);
-    if (m_config.retainAudio)
-        utterance.audioFile = retainCurrentAudio();
-    if (m_config.retainHistory)
-        m_store->append(utterance);
-    co_return RunOutcome(PipelineState::idle());
 }

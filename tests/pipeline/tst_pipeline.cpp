@@ -57,22 +57,47 @@ private slots:
         QVERIFY(!h.capture->isCapturing());
     }
 
-    void releaseDuringStartupIsAppliedOnceRecording() {
+    // A key-up during start-up waits for the start: applied once it records, dropped with a start
+    // that was cancelled or failed, and never left over for the next recording.
+    void releaseDuringStartup_data() {
+        QTest::addColumn<bool>("cancelled");
+        QTest::addColumn<bool>("startFails");
+        QTest::newRow("applied once recording") << false << false;
+        QTest::newRow("dropped with a cancelled start") << true << false;
+        QTest::newRow("dropped with a failed start") << false << true;
+    }
+    void releaseDuringStartup() {
+        QFETCH(bool, cancelled);
+        QFETCH(bool, startFails);
         PipelineHarness h;
         h.build();
         h.capture->holdStarts();
+        if (startFails)
+            h.capture->failNextStart(QuorvaneError(QuorvaneError::Case::noAudioInput));
         h.dictationKey.press();
         QVERIFY(h.pipeline->isStarting());
         h.scheduler.advance(700);
         h.dictationKey.release();
+        if (cancelled)
+            h.pipeline->cancel();
         h.capture->letStartsGo();
         QVERIFY(h.settle());
         const QStringList log = h.log();
         const qsizetype started = log.indexOf(QStringLiteral("INFO Recording started."));
-        QVERIFY(started >= 0);
-        QCOMPARE(log.value(started + 1), QStringLiteral("INFO Applying release that arrived during startup."));
-        // The hold counts from key-down, so this is a dictation, not a tap.
-        QCOMPARE(h.injector->injected, QStringList{QStringLiteral("Hello world.")});
+        const QString applying = QStringLiteral("INFO Applying release that arrived during startup.");
+        if (!cancelled && !startFails) {
+            QVERIFY(started >= 0);
+            QCOMPARE(log.value(started + 1), applying);
+            // The hold counts from key-down, so this is a dictation, not a tap.
+            QCOMPARE(h.injector->injected, QStringList{QStringLiteral("Hello world.")});
+            return;
+        }
+        QCOMPARE(started, qsizetype(-1));
+        QVERIFY(!log.contains(applying));
+        QVERIFY(!h.capture->isCapturing());
+        QVERIFY(h.press(h.dictationKey));
+        h.scheduler.advance(1000);
+        QCOMPARE(h.kind(), Kind::recording);
     }
 
     void otherKeysDoNotDisturbARun() {

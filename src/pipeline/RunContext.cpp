@@ -1,0 +1,106 @@
+#include "pipeline/RunContext.h"
+
+#include "core/DescribedError.h"
+#include "core/Log.h"
+#include "core/QuorvaneError.h"
+#include "formatting/PassthroughFormatter.h"
+#include "speech/WavEncoder.h"
+
+#include <QDateTime>
+#include <QFileInfo>
+#include <QSaveFile>
+
+void RunContext::clearPending() {
+    selection.reset();
+    selectionFailure.reset();
+    repositoryLookup.reset();
+}
+
+void RunServices::notify(const QString &title, const QString &body) const {
+    platform.notifier->notify(title, body);
+}
+
+void RunServices::keepOnClipboard(const QString &text) const {
+    if (const std::exception_ptr failure = failureOf([&] { platform.injector->copyToClipboard(text); }))
+        Log::warn(QStringLiteral("Could not copy the text to the clipboard: ") + describeError(failure));
+}
+
+PipelineState RunServices::failed(const QString &level, const QString &lead, const QString &description,
+                                  const QString &title, const QString &body,
+                                  const std::function<void()> &beforeNotice) const {
+    Log::write(level, lead + description);
+    if (beforeNotice)
+        beforeNotice();
+    notify(title, body.isEmpty() ? description : body);
+    return PipelineState::error(description);
+}
+
+qint64 RunServices::sinceRelease(const RunContext &run) const {
+    const qint64 now = scheduler.nowMs();
+    return now - run.releaseTime.value_or(now);
+}
+
+void RunServices::requireOriginalDestination(const RunContext &run) const {
+    const FrontmostApp now = platform.frontmostApp->frontmostApp();
+    if (run.app && !run.app->sameApplication(now))
+        throw QuorvaneError(QuorvaneError::Case::destinationChanged);
+}
+
+std::optional<QString> RunServices::retainAudio(const RunContext &run) const {
+    const QString path = store.audioURL(run.utteranceID);
+    if (!run.replay) {
+        run.capture->writeRetainedAudio(path);
+    } else if (!QFileInfo::exists(path)) {
+        // Kept when it failed only if recordings were kept then; the capture has moved on since.
+        QSaveFile file(path);
+        if (file.open(QIODevice::WriteOnly)) {
+            file.write(WavEncoder::encode(run.replay->samples, run.replay->sampleRate));
+            file.commit();
+        }
+    }
+    if (!QFileInfo::exists(path))
+        return std::nullopt;
+    store.didWriteAudio(path);
+    return QFileInfo(path).fileName();
+}
+
+Utterance RunServices::keep(const RunContext &run, const QString &raw, const QString &formatted, const QString &shipped,
+                            const QString &verdict, const Timings &timings) const {
+    Utterance utterance;
+    utterance.id = run.utteranceID;
+    utterance.timestamp = QDateTime::currentDateTimeUtc();
+    if (run.app) {
+        utterance.appBundleID = run.app->bundleID;
+        utterance.appName = run.app->name;
+    }
+    utterance.rawTranscript = raw;
+    utterance.formattedText = formatted.isEmpty() ? shipped : formatted;
+    utterance.shippedText = shipped;
+    utterance.guardVerdict = verdict;
+    utterance.engine = run.asr->name();
+    utterance.formatter = formatter->name();
+    utterance.asrMS = timings.asrMS;
+    utterance.formatMS = timings.formatMS;
+    utterance.responseMS = sinceRelease(run);
+    if (config.retainAudio)
+        utterance.audioFile = retainAudio(run);
+    if (config.retainHistory)
+        store.append(utterance);
+    return utterance;
+}
+
+const QString &bulletSeparator() {
+    static const QString bullet = QStringLiteral(" \u00B7 ");
+    return bullet;
+}
+
+QString sentence(const QString &text) {
+    if (text.isEmpty() || text.endsWith(QLatin1Char('.')) || text.endsWith(QLatin1Char('!')) ||
+        text.endsWith(QLatin1Char('?')))
+        return text;
+    return text + QLatin1Char('.');
+}
+
+bool isPassthrough(const TextFormatter &formatter) {
+    return dynamic_cast<const PassthroughFormatter *>(&formatter) != nullptr;
+}
