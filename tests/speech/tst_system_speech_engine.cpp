@@ -27,7 +27,7 @@ template <typename T> QString outcome(QCoro::Task<T> task) {
             return QStringLiteral("text: ") + syncWait(std::move(task));
         }
     } catch (const QuorvaneError &error) {
-        return error.caseName() + QStringLiteral(": ") + error.message();
+        return toName(error.errorCase()) + QStringLiteral(": ") + error.message();
     }
 }
 
