@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/HandOver.h"
+
 #include <QCoreApplication>
 #include <QCoro/QCoroTask>
 #include <QEventLoop>
@@ -9,18 +11,21 @@
 #include <QTimer>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <type_traits>
 
 // Runs `work` on the thread of `context` (normally the main thread) unless `context` has been
 // destroyed by then: callbacks from worker threads never touch a dead owner.
 template <typename Context, typename Work> void runOn(Context *context, Work &&work) {
-    QPointer<Context> guard(context);
+    auto parcel = std::make_shared<std::decay_t<Work>>(std::forward<Work>(work));
+    HandOver::sent(parcel.get());
     QMetaObject::invokeMethod(
         context,
-        [guard, work = std::forward<Work>(work)]() mutable {
+        [guard = QPointer<Context>(context), parcel] {
+            HandOver::received(parcel.get());
             if (guard)
-                work();
+                (*parcel)();
         },
         Qt::QueuedConnection);
 }

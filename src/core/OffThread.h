@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/HandOver.h"
+
 #include <QCoro/QCoroFuture>
 #include <QCoro/QCoroTask>
 #include <QFuture>
@@ -23,15 +25,19 @@ template <typename T> QCoro::Task<T> runOffThread(std::function<T()> work) {
     auto promise = std::make_shared<QPromise<void>>();
     QFuture<void> done = promise->future();
     promise->start();
+    HandOver::sent(outcome.get());
     QThreadPool::globalInstance()->start([outcome, promise, work = std::move(work)] {
+        HandOver::received(outcome.get());
         try {
             outcome->value.emplace(work());
         } catch (...) {
             outcome->error = std::current_exception();
         }
+        HandOver::sent(outcome.get());
         promise->finish();
     });
     co_await done;
+    HandOver::received(outcome.get());
     if (outcome->error)
         std::rethrow_exception(outcome->error);
     co_return std::move(*outcome->value);
