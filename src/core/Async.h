@@ -11,21 +11,21 @@
 #include <QTimer>
 #include <exception>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <type_traits>
 
 // Runs `work` on the thread of `context` (normally the main thread) unless `context` has been
 // destroyed by then: callbacks from worker threads never touch a dead owner.
 template <typename Context, typename Work> void runOn(Context *context, Work &&work) {
-    auto parcel = std::make_shared<std::decay_t<Work>>(std::forward<Work>(work));
-    HandOver::sent(parcel.get());
+    // The context stands for the lock of its thread's event queue.
+    HandOver::sent(context);
+    QPointer<Context> guard(context);
     QMetaObject::invokeMethod(
         context,
-        [guard = QPointer<Context>(context), parcel] {
-            HandOver::received(parcel.get());
+        [context, guard, work = std::forward<Work>(work)]() mutable {
+            HandOver::received(context);
             if (guard)
-                (*parcel)();
+                work();
         },
         Qt::QueuedConnection);
 }

@@ -9,18 +9,15 @@ void postToMainThread(std::weak_ptr<const void> target, std::function<void()> wo
     QCoreApplication *application = QCoreApplication::instance();
     if (!application)
         return; // command-line runs have no main loop and no desktop callbacks
-    struct Parcel {
-        std::weak_ptr<const void> target;
-        std::function<void()> work;
-    };
-    auto parcel = std::make_shared<Parcel>(Parcel{std::move(target), std::move(work)});
-    HandOver::sent(parcel.get());
+    // The application stands for the lock of its event queue, which orders this thread's writes
+    // before the work.
+    HandOver::sent(application);
     QMetaObject::invokeMethod(
         application,
-        [parcel] {
-            HandOver::received(parcel.get());
-            if (const auto alive = parcel->target.lock())
-                parcel->work();
+        [target = std::move(target), work = std::move(work)] {
+            HandOver::received(QCoreApplication::instance());
+            if (const auto alive = target.lock())
+                work();
         },
         Qt::QueuedConnection);
 }

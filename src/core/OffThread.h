@@ -25,9 +25,8 @@ template <typename T> QCoro::Task<T> runOffThread(std::function<T()> work) {
     auto promise = std::make_shared<QPromise<void>>();
     QFuture<void> done = promise->future();
     promise->start();
-    HandOver::sent(outcome.get());
-    QThreadPool::globalInstance()->start([outcome, promise, work = std::move(work)] {
-        HandOver::received(outcome.get());
+    std::function<void()> job = [outcome, promise, work = std::move(work)] {
+        HandOver::received(QThreadPool::globalInstance());
         try {
             outcome->value.emplace(work());
         } catch (...) {
@@ -35,7 +34,10 @@ template <typename T> QCoro::Task<T> runOffThread(std::function<T()> work) {
         }
         HandOver::sent(outcome.get());
         promise->finish();
-    });
+    };
+    // The pool's queue stands for the lock inside it that orders this thread's writes before the job.
+    HandOver::sent(QThreadPool::globalInstance());
+    QThreadPool::globalInstance()->start(std::move(job));
     co_await done;
     HandOver::received(outcome.get());
     if (outcome->error)
