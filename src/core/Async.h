@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/HandOver.h"
+
 #include <QCoreApplication>
 #include <QCoro/QCoroTask>
 #include <QEventLoop>
@@ -15,10 +17,13 @@
 // Runs `work` on the thread of `context` (normally the main thread) unless `context` has been
 // destroyed by then: callbacks from worker threads never touch a dead owner.
 template <typename Context, typename Work> void runOn(Context *context, Work &&work) {
+    // The context stands for the lock of its thread's event queue.
+    HandOver::sent(context);
     QPointer<Context> guard(context);
     QMetaObject::invokeMethod(
         context,
-        [guard, work = std::forward<Work>(work)]() mutable {
+        [context, guard, work = std::forward<Work>(work)]() mutable {
+            HandOver::received(context);
             if (guard)
                 work();
         },

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/HandOver.h"
+
 #include <QCoro/QCoroFuture>
 #include <QCoro/QCoroTask>
 #include <QFuture>
@@ -23,15 +25,21 @@ template <typename T> QCoro::Task<T> runOffThread(std::function<T()> work) {
     auto promise = std::make_shared<QPromise<void>>();
     QFuture<void> done = promise->future();
     promise->start();
-    QThreadPool::globalInstance()->start([outcome, promise, work = std::move(work)] {
+    std::function<void()> job = [outcome, promise, work = std::move(work)] {
+        HandOver::received(QThreadPool::globalInstance());
         try {
             outcome->value.emplace(work());
         } catch (...) {
             outcome->error = std::current_exception();
         }
+        HandOver::sent(outcome.get());
         promise->finish();
-    });
+    };
+    // The pool's queue stands for the lock inside it that orders this thread's writes before the job.
+    HandOver::sent(QThreadPool::globalInstance());
+    QThreadPool::globalInstance()->start(std::move(job));
     co_await done;
+    HandOver::received(outcome.get());
     if (outcome->error)
         std::rethrow_exception(outcome->error);
     co_return std::move(*outcome->value);

@@ -34,10 +34,9 @@ QString computeRoot() {
 } // namespace
 
 QString root() {
-    static std::once_flag once;
-    static QString value;
-    std::call_once(once, [] { value = computeRoot(); });
-    return value;
+    // Never destroyed: the log's thread outlives static destruction and still asks for it.
+    static const QString *const value = new QString(computeRoot());
+    return *value;
 }
 
 QString file(const QString &name) {

@@ -25,24 +25,22 @@ SerialQueue::~SerialQueue() {
 }
 
 bool SerialQueue::Worker::async(std::function<void()> job) {
-    {
-        std::lock_guard lock(m_mutex);
-        if (m_finished)
-            return false;
-        m_jobs.push_back(std::move(job));
-    }
+    // Woken under the lock: once it is released the job may run and drop the last reference to
+    // this worker, so nothing here may touch it afterwards.
+    std::lock_guard lock(m_mutex);
+    if (m_finished)
+        return false;
+    m_jobs.push_back(std::move(job));
     m_wake.notify_one();
     return true;
 }
 
 void SerialQueue::Worker::asyncAfter(qint64 delayMs, std::function<void()> job) {
     const auto due = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max<qint64>(delayMs, 0));
-    {
-        std::lock_guard lock(m_mutex);
-        if (m_stopping)
-            return;
-        m_timed.emplace(std::make_pair(due, m_sequence++), std::move(job));
-    }
+    std::lock_guard lock(m_mutex);
+    if (m_stopping)
+        return;
+    m_timed.emplace(std::make_pair(due, m_sequence++), std::move(job));
     m_wake.notify_one();
 }
 

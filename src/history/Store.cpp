@@ -1,5 +1,6 @@
 #include "history/Store.h"
 
+#include "core/Async.h"
 #include "core/Log.h"
 #include "core/Paths.h"
 #include "core/Text.h"
@@ -368,12 +369,9 @@ void Store::deleteRetainedData(QObject *context, std::function<void(std::optiona
             return;
         }
         // The context is only looked at on the main thread, where it could be destroyed.
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [guard, completion, error] {
-                if (guard)
-                    completion(error);
-            },
-            Qt::QueuedConnection);
+        runOn(QCoreApplication::instance(), [guard, completion, error] {
+            if (guard)
+                completion(error);
+        });
     });
 }

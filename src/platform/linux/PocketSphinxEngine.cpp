@@ -1,5 +1,6 @@
 #include "platform/linux/PocketSphinxEngine.h"
 
+#include "core/HandOver.h"
 #include "core/Log.h"
 #include "core/QuorvaneError.h"
 #include "core/SerialQueue.h"
@@ -105,9 +106,11 @@ public:
             } catch (...) {
                 outcome->error = std::current_exception();
             }
+            HandOver::sent(outcome.get());
             promise->finish();
         });
         co_await done;
+        HandOver::received(outcome.get());
         if (outcome->error)
             std::rethrow_exception(outcome->error);
         co_return std::move(*outcome->value);
