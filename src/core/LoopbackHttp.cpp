@@ -2,15 +2,16 @@
 
 #include "core/HttpResponseReader.h"
 
-#include <QCoro/QCoroAbstractSocket>
-#include <QCoro/QCoroSignal>
 #include <QDeadlineTimer>
 #include <QJsonParseError>
 #include <QNetworkProxy>
 #include <QTcpSocket>
+#include <QTimer>
 #include <chrono>
+#include <coroutine>
 #include <memory>
 #include <optional>
+#include <vector>
 
 namespace {
 
@@ -56,6 +57,53 @@ Attempt connectFailure(const QTcpSocket &socket, const QString &host) {
     }
 }
 
+// Resumes its coroutine exactly once: at the socket's next state change or arrival of bytes, or when
+// `wait` has passed (negative: never). QCoro's signal awaiters can be resumed a second time when two
+// emissions queue up before the first is handled, which resumes a coroutine that has moved on.
+class SocketEvent {
+public:
+    SocketEvent(QTcpSocket *socket, std::chrono::milliseconds wait) : m_socket(socket), m_wait(wait) {}
+    // A coroutine destroyed while it waits must never be resumed.
+    ~SocketEvent() {
+        m_state->done = true;
+        for (const auto &connection : m_state->connections)
+            QObject::disconnect(connection);
+    }
+    SocketEvent(const SocketEvent &) = delete;
+    SocketEvent &operator=(const SocketEvent &) = delete;
+
+    bool await_ready() const noexcept { return false; }
+    void await_suspend(std::coroutine_handle<> waiting) {
+        auto wake = [state = m_state, waiting](bool fired) {
+            if (state->done)
+                return;
+            state->done = true;
+            state->fired = fired;
+            for (const auto &connection : state->connections)
+                QObject::disconnect(connection);
+            waiting.resume();
+        };
+        m_state->connections = {
+            QObject::connect(m_socket, &QAbstractSocket::stateChanged, m_socket, [wake] { wake(true); }),
+            QObject::connect(m_socket, &QIODevice::readyRead, m_socket, [wake] { wake(true); })};
+        // The timer dies with the socket; after a wake it finds the state done and does nothing.
+        if (m_wait.count() >= 0)
+            QTimer::singleShot(m_wait, m_socket, [wake] { wake(false); });
+    }
+    // False when the time ran out first.
+    bool await_resume() const noexcept { return m_state->fired; }
+
+private:
+    struct State {
+        bool done = false;
+        bool fired = false;
+        std::vector<QMetaObject::Connection> connections;
+    };
+    QTcpSocket *m_socket;
+    std::chrono::milliseconds m_wait;
+    std::shared_ptr<State> m_state = std::make_shared<State>();
+};
+
 struct SocketDeleter {
     // The coroutine may resume inside one of the socket's own signals.
     void operator()(QTcpSocket *socket) const { socket->deleteLater(); }
@@ -73,7 +121,7 @@ QCoro::Task<Attempt> attempt(const Target &target, int timeoutMs) {
     socket->connectToHost(target.host, target.port);
     while (socket->state() == QAbstractSocket::HostLookupState || socket->state() == QAbstractSocket::ConnectingState) {
         // The state changes on success and on failure alike; a refusal must not wait out the time-out.
-        const auto changed = co_await qCoro(socket.get(), &QAbstractSocket::stateChanged, remaining());
+        const bool changed = co_await SocketEvent(socket.get(), remaining());
         if (!changed || deadline.hasExpired())
             co_return timedOut(timeoutMs);
     }
@@ -104,7 +152,7 @@ QCoro::Task<Attempt> attempt(const Target &target, int timeoutMs) {
                               !reader.started());
         if (deadline.hasExpired())
             co_return timedOut(timeoutMs);
-        co_await qCoro(socket.get()).waitForReadyRead(remaining());
+        co_await SocketEvent(socket.get(), remaining());
     }
 }
 
