@@ -28,6 +28,7 @@ public:
     Case errorCase() const { return m_case; }
     // The detail of `unsupported`; empty for the other cases.
     const QString &message() const { return m_message; }
+
 private:
     static QString describe(Case errorCase, const QString &message);
 
