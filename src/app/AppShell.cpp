@@ -304,6 +304,7 @@ void AppShell::present(const QString &title, const QString &body) {
 
 void AppShell::deleteRetainedData() {
     m_pipeline->learner().clear();
+    m_pipeline->forgetHeldDictation();
     m_pipeline->store().deleteRetainedData(this, [this](std::optional<QString> error) {
         if (error)
             m_pipeline->platform().notifier->notify(QStringLiteral("Could not delete everything"),

@@ -70,6 +70,8 @@ public:
     // Transcribes the held dictation again with the engine as it is now and delivers it as any
     // dictation, into the application in front now. Does nothing when there is nothing to retry.
     void retryLastDictation();
+    // Drops the held dictation: the user asked for everything retained to go.
+    void forgetHeldDictation() { m_heldAudio.reset(); }
     // Whether prompts can be handed to `agent` here: the handoff service exists and the agent is
     // installed in a trusted folder.
     bool isAgentAvailable(AgentKind agent) const;
