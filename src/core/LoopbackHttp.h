@@ -20,7 +20,13 @@ public:
     public:
         TransportError(QNetworkReply::NetworkError code, const QString &text) : DescribedError(text), m_code(code) {}
         QNetworkReply::NetworkError code() const { return m_code; }
-        QString description() const override { return QStringLiteral("no answer from the local server: ") + text(); }
+        QString description() const override {
+            // A garbled or oversized answer did arrive; everything else never did.
+            return (m_code == QNetworkReply::ProtocolFailure
+                        ? QStringLiteral("the local server's answer was unusable: ")
+                        : QStringLiteral("no answer from the local server: ")) +
+                   text();
+        }
 
     private:
         QNetworkReply::NetworkError m_code;

@@ -248,7 +248,8 @@ private slots:
         QTest::newRow("dropped mid-body")
             << FakeWhisperServer::transcript(kRaw).cutShort() << "no answer from the local server: Connection closed";
         QTest::newRow("gigabytes announced")
-            << Response::enormous() << "no answer from the local server: the server's answer is larger than 8 MB";
+            << Response::enormous()
+            << "the local server's answer was unusable: the server's answer is larger than 8 MB";
     }
     void transcriptionFailuresEndInError() {
         QFETCH(FakeHttpServer::Response, answer);
