@@ -333,13 +333,16 @@ void Config::save(const QString &path) const {
     const QByteArray bytes = encode();
     QDir().mkpath(QFileInfo(path).absolutePath());
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
+    const bool opened = file.open(QIODevice::WriteOnly);
+    if (opened) {
+        // Owner-only before the rename, so no moment exists where others may read the settings.
+        file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+        file.write(bytes);
+    }
+    if (!opened || !file.commit()) {
+        Log::error(QStringLiteral("Settings could not be saved to %1: %2").arg(path, file.errorString()));
         return;
-    // Owner-only before the rename, so no moment exists where others may read the settings.
-    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    file.write(bytes);
-    if (!file.commit())
-        return;
+    }
     Paths::protectFile(path);
 }
 

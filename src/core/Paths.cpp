@@ -1,9 +1,11 @@
 #include "core/Paths.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <mutex>
 
@@ -14,6 +16,19 @@ namespace {
 constexpr QFileDevice::Permissions ownerFile = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
 constexpr QFileDevice::Permissions ownerDirectory =
     QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
+
+// A save is written to "<name>.XXXXXX" and renamed over the file; one killed halfway leaves that
+// temporary behind. Young ones may belong to a save still running in another of our processes.
+void removeAbandonedSaves(const QString &directory) {
+    static const QRegularExpression temporary(QStringLiteral("^.+\\.(json|jsonl|txt|wav)\\.[A-Za-z0-9]{6}$"));
+    const QDateTime abandoned = QDateTime::currentDateTimeUtc().addSecs(-60);
+    QDirIterator it(directory, QDir::Files | QDir::Hidden);
+    while (it.hasNext()) {
+        const QFileInfo info(it.next());
+        if (temporary.match(info.fileName()).hasMatch() && info.lastModified().toUTC() < abandoned)
+            QFile::remove(info.filePath());
+    }
+}
 
 QString computeRoot() {
     const QString overridden = qEnvironmentVariable("QUORVANE_HOME");
@@ -56,9 +71,11 @@ void prepare(const QString &directory, const QString &legacyDirectory) {
         if (QFileInfo::exists(path))
             protectFile(path);
     }
+    removeAbandonedSaves(directory);
     const QString audio = dir.filePath(QStringLiteral("audio"));
     if (QFileInfo(audio).isDir()) {
         protectDirectory(audio);
+        removeAbandonedSaves(audio);
         QDirIterator it(audio, QDir::Files | QDir::Hidden);
         while (it.hasNext())
             protectFile(it.next());

@@ -6,6 +6,7 @@
 #include "speech/WavDecoder.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QProcess>
@@ -107,9 +108,23 @@ private slots:
                 QCOMPARE(QFileInfo(path).permissions() & 0x7077, QFileDevice::ReadOwner | QFileDevice::WriteOwner);
         }
 
+        // Temporaries of the killed saves, made old enough that no running save can own them, plus
+        // one of a save another process may still be writing.
+        const QStringList abandoned = {QStringLiteral("config.json.a1B2c3"), QStringLiteral("audio/latest.wav.Zz9y8X")};
+        for (const QString &name : abandoned) {
+            QFile file(Paths::file(name));
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            QVERIFY(file.setFileTime(QDateTime::currentDateTime().addSecs(-3600), QFileDevice::FileModificationTime));
+        }
+        const QString young = Paths::file(QStringLiteral("learned.json.Q7r8S9"));
+        QVERIFY(QFile(young).open(QIODevice::WriteOnly));
+
         const QuorvaneRun run = runQuorvane(m_home.path(), {QStringLiteral("transcribe"), audioPath()});
         QVERIFY2(run.exitCode == 0, qPrintable(run.out + run.err));
         QVERIFY(!QFileInfo::exists(Paths::file(QStringLiteral("config.invalid.json"))));
+        for (const QString &name : abandoned)
+            QVERIFY2(!QFileInfo::exists(Paths::file(name)), qPrintable(name));
+        QVERIFY(QFileInfo::exists(young));
     }
 };
 
