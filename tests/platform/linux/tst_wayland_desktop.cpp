@@ -114,6 +114,7 @@ private Q_SLOTS:
         QFETCH(QStringList, events);
 
         QStringList seen;
+        LogRecorder log;
         std::vector<std::unique_ptr<PushToTalkHotkey>> hotkeys;
         if (running)
             for (const PipelineMode mode :
@@ -126,6 +127,11 @@ private Q_SLOTS:
                 QVERIFY(hotkey->start());
                 hotkeys.push_back(std::move(hotkey));
             }
+        // No thread of ours watches keys here, and the log must not claim one does.
+        const QStringList armed = log.lines.filter(QStringLiteral("Hotkey armed"));
+        QCOMPARE(armed.size(), running ? 3 : 0);
+        for (const QString &line : armed)
+            QVERIFY2(line.contains(QStringLiteral("key binding calls Quorvane")), qPrintable(line));
 
         int status = -1;
         QByteArray stderrText;
