@@ -44,9 +44,10 @@ QStringList waylandGaps(const WaylandServices &services) {
         gaps << QStringLiteral("The compositor offers no virtual keyboard, so text is left on the clipboard to paste "
                                "by hand: use a wlroots compositor such as sway or Hyprland for typing.");
     if (!services.windowTree)
-        gaps << QStringLiteral("The application in front cannot be known (no sway IPC socket), so text is pasted "
-                               "without checking that the destination is unchanged: under sway, start Quorvane "
-                               "from the session so that it inherits SWAYSOCK.");
+        gaps << QStringLiteral("The application in front cannot be known (no sway IPC socket or Hyprland request "
+                               "socket), so text is pasted without checking that the destination is unchanged: "
+                               "start Quorvane from the session so that it inherits SWAYSOCK or "
+                               "HYPRLAND_INSTANCE_SIGNATURE.");
     return gaps;
 }
 

@@ -58,7 +58,7 @@ private Q_SLOTS:
         QTest::newRow("no clipboard control")
             << Services{true, false, true, true} << QStringList{"no clipboard control"};
         QTest::newRow("neither, and no window tree")
-            << Services{true, false, false, false} << QStringList{"no clipboard control", "no sway IPC"};
+            << Services{true, false, false, false} << QStringList{"no clipboard control", "no sway IPC socket or Hyprland"};
     }
     void waylandGapsNameWhatIsMissing() {
         QFETCH(Services, services);

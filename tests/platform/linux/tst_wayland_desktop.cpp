@@ -60,7 +60,7 @@ private Q_SLOTS:
             << "";
         QTest::newRow("not under sway") << QByteArray("SWAYSOCK") << QByteArray()
                                         << "clipboard control yes, virtual keyboard yes, window tree no"
-                                        << "no sway IPC socket";
+                                        << "no sway IPC socket or Hyprland request socket";
         QTest::newRow("compositor gone") << QByteArray("WAYLAND_DISPLAY") << QByteArray("wayland-none")
                                          << "clipboard control no"
                                          << "could not be reached";
