@@ -90,8 +90,9 @@ void wireWayland(PlatformKit &kit) {
     kit.sessionGaps = SessionType::waylandGaps(services);
     const auto has = [](bool present) { return present ? QStringLiteral("yes") : QStringLiteral("no"); };
     Log::info(QStringLiteral("Wayland session: keys through compositor bindings (quorvane key), clipboard control "
-                             "%1, virtual keyboard %2, window tree %3.")
-                  .arg(has(services.clipboardControl), has(services.virtualKeyboard), has(services.windowTree)));
+                             "%1, virtual keyboard %2, window tree %3, XWayland clipboard %4.")
+                  .arg(has(services.clipboardControl), has(services.virtualKeyboard), has(services.windowTree),
+                       has(services.x11Clipboard)));
     for (const QString &gap : std::as_const(kit.sessionGaps))
         Log::warn(gap);
 }
