@@ -83,6 +83,9 @@ bool X11ClipboardOwner::own(const DesktopTextBackend::ClipboardItem &formats) {
     m_ownedSince = time;
     m_owner = true;
     ++m_changeCount;
+    // Waiting for the time may have read requests into Xlib's queue, where the socket notifier
+    // never sees them.
+    handleEvents();
     return true;
 }
 
@@ -94,6 +97,7 @@ void X11ClipboardOwner::release() {
     m_owner = false;
     m_formats.clear();
     ++m_changeCount;
+    handleEvents();
 }
 
 qint64 X11ClipboardOwner::changeCount() {
