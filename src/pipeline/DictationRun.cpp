@@ -47,12 +47,15 @@ QCoro::Task<RunEnd> runDictation(RunServices s, std::shared_ptr<RunContext> run,
     if (const std::exception_ptr failure = failureOf([&] {
             s.requireOriginalDestination(*run);
             s.platform.injector->inject(shipped);
-        }))
+        })) {
+        const QString copyProblem = s.keepOnClipboard(shipped);
         co_return RunOutcome(s.failed(QStringLiteral("ERROR"), QStringLiteral("Injection failed: "),
                                       describeError(failure), QStringLiteral("Couldn't type that"),
-                                      QStringLiteral("The text is on your clipboard \u2014 press ") +
-                                          s.platform.pasteShortcut + QStringLiteral(" to paste it."),
-                                      [&] { s.keepOnClipboard(shipped); }));
+                                      copyProblem.isEmpty()
+                                          ? QStringLiteral("The text is on your clipboard \u2014 press ") +
+                                                s.platform.pasteShortcut + QStringLiteral(" to paste it.")
+                                          : sentence(copyProblem)));
+    }
     timings.injectMS = s.scheduler.nowMs() - injectStarted;
     // The text is in: the icon need not wait for the audio file and the history entry.
     s.setState(PipelineState::idle());

@@ -40,6 +40,8 @@ QCoro::Task<RunEnd> deliverPrompt(RunServices s, std::shared_ptr<RunContext> run
 
     const qint64 deliveryStarted = s.scheduler.nowMs();
     std::exception_ptr failure;
+    // Why the prompt could not be left on the clipboard, when it could not: the notices say so.
+    QString copyProblem;
     if (!agent) {
         failure = failureOf([&] {
             s.requireOriginalDestination(*run);
@@ -49,12 +51,12 @@ QCoro::Task<RunEnd> deliverPrompt(RunServices s, std::shared_ptr<RunContext> run
         // A fallback is the raw request: the user decides whether it is fit to send.
         Log::warn(QStringLiteral("Direct handoff withheld because the prompt used a lossless fallback (") +
                   verdictName + QStringLiteral(")"));
-        s.keepOnClipboard(prompt);
+        copyProblem = s.keepOnClipboard(prompt);
         s.notify(QStringLiteral("Review prompt before sending"),
-                 QStringLiteral("Quorvane used a lossless fallback, so it did not send the prompt automatically. "
-                                "Review it on your clipboard."));
+                 QStringLiteral("Quorvane used a lossless fallback, so it did not send the prompt automatically. ") +
+                     (copyProblem.isEmpty() ? QStringLiteral("Review it on your clipboard.") : sentence(copyProblem)));
     } else {
-        s.keepOnClipboard(prompt);
+        copyProblem = s.keepOnClipboard(prompt);
         const auto launcher = s.platform.agentHandoff;
         if (!launcher) {
             failure = std::make_exception_ptr(
@@ -71,12 +73,13 @@ QCoro::Task<RunEnd> deliverPrompt(RunServices s, std::shared_ptr<RunContext> run
     }
     if (failure) {
         const QString description = deliveryFailure(failure);
-        co_return RunOutcome(s.failed(QStringLiteral("ERROR"), QStringLiteral("Prompt delivery failed: "), description,
-                                      QStringLiteral("Prompt copied instead"),
-                                      sentence(description) + QStringLiteral(" The prompt is on your clipboard."), [&] {
-                                          if (!agent)
-                                              s.keepOnClipboard(prompt);
-                                      }));
+        if (!agent)
+            copyProblem = s.keepOnClipboard(prompt);
+        co_return RunOutcome(s.failed(
+            QStringLiteral("ERROR"), QStringLiteral("Prompt delivery failed: "), description,
+            copyProblem.isEmpty() ? QStringLiteral("Prompt copied instead") : QStringLiteral("Prompt not delivered"),
+            sentence(description) + (copyProblem.isEmpty() ? QStringLiteral(" The prompt is on your clipboard.")
+                                                           : QStringLiteral(" ") + sentence(copyProblem))));
     }
     timings.injectMS = s.scheduler.nowMs() - deliveryStarted;
 

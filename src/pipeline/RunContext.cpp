@@ -20,9 +20,13 @@ void RunServices::notify(const QString &title, const QString &body) const {
     platform.notifier->notify(title, body);
 }
 
-void RunServices::keepOnClipboard(const QString &text) const {
-    if (const std::exception_ptr failure = failureOf([&] { platform.injector->copyToClipboard(text); }))
-        Log::warn(QStringLiteral("Could not copy the text to the clipboard: ") + describeError(failure));
+QString RunServices::keepOnClipboard(const QString &text) const {
+    const std::exception_ptr failure = failureOf([&] { platform.injector->copyToClipboard(text); });
+    if (!failure)
+        return {};
+    const QString description = describeError(failure);
+    Log::warn(QStringLiteral("Could not copy the text to the clipboard: ") + description);
+    return description;
 }
 
 PipelineState RunServices::failed(const QString &level, const QString &lead, const QString &description,

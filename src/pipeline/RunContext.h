@@ -98,8 +98,9 @@ struct RunServices {
     std::function<bool()> abandoned;
 
     void notify(const QString &title, const QString &body) const;
-    // Leaves `text` on the clipboard; a failure there is only logged, the caller already reports one.
-    void keepOnClipboard(const QString &text) const;
+    // Leaves `text` on the clipboard. Returns why it could not (also logged), empty when it did, so
+    // that no notice claims the text is there when it is not.
+    QString keepOnClipboard(const QString &text) const;
     // Ends a step that threw: logs "lead + description" at `level`, runs `beforeNotice`, notifies
     // (an empty body is the description) and returns the error state to end in.
     PipelineState failed(const QString &level, const QString &lead, const QString &description, const QString &title,

@@ -48,6 +48,8 @@ public:
     // The modifier flags of the keyboard as it is now, in the same bits as keyChanged's flags.
     virtual quint64 liveFlags() = 0;
     virtual QString unavailableMessage() const = 0;
+    // How key events reach us, for the log line that says the key is armed.
+    virtual QString deliveryDescription() const = 0;
 
     // Why macOS refuses an event tap: the process lacks the Accessibility permission.
     static QString eventTapRefused();

@@ -38,7 +38,8 @@ bool PushToTalkHotkey::start() {
         std::lock_guard lock(m_lock);
         name = m_key.displayName;
     }
-    Log::info(QStringLiteral("Hotkey armed · hold ") + name + QStringLiteral(" (dedicated event thread)"));
+    Log::info(QStringLiteral("Hotkey armed · hold ") + name + QStringLiteral(" (") + m_backend->deliveryDescription() +
+              QStringLiteral(")"));
     return true;
 }
 

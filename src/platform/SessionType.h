@@ -22,6 +22,8 @@ struct WaylandServices {
     bool clipboardControl = false;
     bool virtualKeyboard = false;
     bool windowTree = false;
+    // XWayland's CLIPBOARD, taken where there is no clipboard control.
+    bool x11Clipboard = false;
 };
 
 // One line for each missing piece, naming it and the next step; empty when nothing is missing.

@@ -266,14 +266,29 @@ private slots:
 
     void deliveryFailuresKeepTheText_data() {
         QTest::addColumn<bool>("switchApp");
+        QTest::addColumn<bool>("clipboardWorks");
         QTest::addColumn<QString>("message");
-        QTest::newRow("destination changed") << true << "The destination app changed while you were speaking.";
-        QTest::newRow("paste failed") << false << "Could not insert text: could not synthesise the paste keystroke";
+        QTest::addColumn<QString>("body");
+        const QString onClipboard = QStringLiteral("The text is on your clipboard \u2014 press \u2318V to paste it.");
+        QTest::newRow("destination changed")
+            << true << true << "The destination app changed while you were speaking." << onClipboard;
+        QTest::newRow("paste failed") << false << true
+                                      << "Could not insert text: could not synthesise the paste keystroke"
+                                      << onClipboard;
+        // Nowhere to leave it: the notice must not send the user to an empty clipboard.
+        QTest::newRow("the clipboard unreachable too")
+            << false << false << "Could not insert text: could not synthesise the paste keystroke"
+            << "Could not insert text: could not write to the pasteboard.";
     }
     void deliveryFailuresKeepTheText() {
         QFETCH(bool, switchApp);
+        QFETCH(bool, clipboardWorks);
         QFETCH(QString, message);
+        QFETCH(QString, body);
         PipelineHarness h;
+        if (!clipboardWorks)
+            h.injector->copyFailure =
+                QuorvaneError::injectionFailed(QStringLiteral("could not write to the pasteboard"));
         h.ready();
         h.transcript(kRaw);
         h.reply(kClean);
@@ -288,10 +303,8 @@ private slots:
         QVERIFY(h.settle());
         QCOMPARE(h.pipeline->state(), PipelineState::error(message));
         QVERIFY(h.injector->injected.isEmpty());
-        QCOMPARE(h.injector->clipboard, std::optional<QString>(kClean));
-        QCOMPARE(h.notifier->notices,
-                 (QList<Notice>{{QStringLiteral("Couldn't type that"),
-                                 QStringLiteral("The text is on your clipboard \u2014 press \u2318V to paste it.")}}));
+        QCOMPARE(h.injector->clipboard, clipboardWorks ? std::optional<QString>(kClean) : std::nullopt);
+        QCOMPARE(h.notifier->notices, (QList<Notice>{{QStringLiteral("Couldn't type that"), body}}));
         QVERIFY(h.utterances.isEmpty());
     }
 

@@ -148,7 +148,7 @@ private Q_SLOTS:
         QTest::addColumn<bool>("refuse");
         QTest::addColumn<QString>("logLine");
         QTest::newRow("armed") << false
-                               << QStringLiteral("INFO Hotkey armed · hold Right Option (⌥) (dedicated event thread)");
+                               << QStringLiteral("INFO Hotkey armed · hold Right Option (⌥) (scripted keyboard)");
         QTest::newRow("refused") << true << QStringLiteral("ERROR scripted refusal");
     }
     void start() {

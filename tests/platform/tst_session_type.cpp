@@ -55,10 +55,11 @@ private Q_SLOTS:
         QTest::newRow("no compositor") << Services{false, false, false, false} << QStringList{"could not be reached"};
         QTest::newRow("no virtual keyboard") << Services{true, true, false, true} << QStringList{"no virtual keyboard"};
         // Without the clipboard the keyboard has nothing to paste: only the clipboard is named.
-        QTest::newRow("no clipboard control")
-            << Services{true, false, true, true} << QStringList{"no clipboard control"};
+        QTest::newRow("no clipboard control") << Services{true, false, true, true} << QStringList{"no XWayland"};
+        QTest::newRow("no clipboard control, XWayland's clipboard instead")
+            << Services{true, false, false, true, true} << QStringList{"through XWayland", "no virtual keyboard"};
         QTest::newRow("neither, and no window tree")
-            << Services{true, false, false, false} << QStringList{"no clipboard control", "no sway IPC"};
+            << Services{true, false, false, false} << QStringList{"no XWayland", "no sway IPC socket or Hyprland"};
     }
     void waylandGapsNameWhatIsMissing() {
         QFETCH(Services, services);

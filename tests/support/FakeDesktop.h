@@ -16,11 +16,17 @@ public:
             throw *failure;
         injected.append(text);
     }
-    void copyToClipboard(const QString &text) override { clipboard = text; }
+    void copyToClipboard(const QString &text) override {
+        if (copyFailure)
+            throw *copyFailure;
+        clipboard = text;
+    }
     void failNextInjection(const QuorvaneError &error) { m_failure = error; }
 
     QStringList injected;
     std::optional<QString> clipboard;
+    // Every copy fails with this, as on a desktop whose clipboard cannot be reached.
+    std::optional<QuorvaneError> copyFailure;
 
 private:
     std::optional<QuorvaneError> m_failure;

@@ -29,6 +29,7 @@ public:
     void reenable() override { ++reenables; }
     quint64 liveFlags() override { return live; }
     QString unavailableMessage() const override { return QStringLiteral("scripted refusal"); }
+    QString deliveryDescription() const override { return QStringLiteral("scripted keyboard"); }
 
     // Sets the live state and reports the change, as the desktop would.
     void change(int keyCode, quint64 flags) {

@@ -73,6 +73,10 @@ public:
     void reenable() override {}
     quint64 liveFlags() override { return m_flags.load(); }
     QString unavailableMessage() const override;
+    // No thread of ours watches anything here: the compositor runs the command, which calls us.
+    QString deliveryDescription() const override {
+        return QStringLiteral("the compositor's key binding calls Quorvane over the session bus");
+    }
 
 private:
     const PipelineMode m_mode;

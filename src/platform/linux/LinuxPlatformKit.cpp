@@ -10,6 +10,7 @@
 #include "platform/WarmMicrophone.h"
 #include "platform/linux/CompositorKeyBindings.h"
 #include "platform/linux/FreedesktopNotifications.h"
+#include "platform/linux/HyprlandFrontmostApp.h"
 #include "platform/linux/LinuxAgentHandoffLauncher.h"
 #include "platform/linux/LinuxAppRules.h"
 #include "platform/linux/PocketSphinxEngine.h"
@@ -52,30 +53,46 @@ void wireWayland(PlatformKit &kit) {
         return std::make_unique<PushToTalkHotkey>(key, std::make_shared<CompositorKeyBindingBackend>(mode));
     };
 
+    // Hyprland's signature is set only inside a Hyprland session; otherwise sway's socket, if any.
+    const QString hyprlandSocket = HyprlandFrontmostApp::socketPath(
+        qEnvironmentVariable("XDG_RUNTIME_DIR"), qEnvironmentVariable("HYPRLAND_INSTANCE_SIGNATURE"));
     const QString swaySocket = qEnvironmentVariable("SWAYSOCK");
-    auto sway = std::make_shared<SwayFrontmostApp>(swaySocket);
-    kit.frontmostApp = sway;
-    std::weak_ptr<SwayFrontmostApp> weakSway = sway;
-    auto text = std::make_shared<WaylandTextBackend>(
-        [weakSway] {
-            const auto provider = weakSway.lock();
+    std::function<QString()> applicationID;
+    bool windowTree = false;
+    if (!hyprlandSocket.isEmpty()) {
+        auto hyprland = std::make_shared<HyprlandFrontmostApp>(hyprlandSocket);
+        kit.frontmostApp = hyprland;
+        applicationID = [weak = std::weak_ptr(hyprland)] {
+            const auto provider = weak.lock();
             return provider ? provider->focusedApplicationID() : QString();
-        },
-        [weakSway]() -> std::optional<qint32> {
-            const auto provider = weakSway.lock();
-            return provider ? provider->frontmostApp().processID : std::nullopt;
-        });
+        };
+        windowTree = HyprlandFrontmostApp::answers(hyprlandSocket);
+    } else {
+        auto sway = std::make_shared<SwayFrontmostApp>(swaySocket);
+        kit.frontmostApp = sway;
+        applicationID = [weak = std::weak_ptr(sway)] {
+            const auto provider = weak.lock();
+            return provider ? provider->focusedApplicationID() : QString();
+        };
+        windowTree = SwayFrontmostApp::answers(swaySocket);
+    }
+    std::weak_ptr<FrontmostAppProvider> weakFront = kit.frontmostApp;
+    auto text = std::make_shared<WaylandTextBackend>(applicationID, [weakFront]() -> std::optional<qint32> {
+        const auto provider = weakFront.lock();
+        return provider ? provider->frontmostApp().processID : std::nullopt;
+    });
     auto injector = std::make_shared<PasteTextInjector>(text);
     kit.injector = injector;
     kit.selectionEditor = injector;
 
     SessionType::WaylandServices services = text->services();
-    services.windowTree = SwayFrontmostApp::answers(swaySocket);
+    services.windowTree = windowTree;
     kit.sessionGaps = SessionType::waylandGaps(services);
     const auto has = [](bool present) { return present ? QStringLiteral("yes") : QStringLiteral("no"); };
     Log::info(QStringLiteral("Wayland session: keys through compositor bindings (quorvane key), clipboard control "
-                             "%1, virtual keyboard %2, window tree %3.")
-                  .arg(has(services.clipboardControl), has(services.virtualKeyboard), has(services.windowTree)));
+                             "%1, virtual keyboard %2, window tree %3, XWayland clipboard %4.")
+                  .arg(has(services.clipboardControl), has(services.virtualKeyboard), has(services.windowTree),
+                       has(services.x11Clipboard)));
     for (const QString &gap : std::as_const(kit.sessionGaps))
         Log::warn(gap);
 }

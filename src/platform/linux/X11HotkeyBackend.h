@@ -22,6 +22,7 @@ public:
     void reenable() override;
     quint64 liveFlags() override;
     QString unavailableMessage() const override;
+    QString deliveryDescription() const override { return QStringLiteral("dedicated event thread"); }
 
     // Cuts the event thread's connection as a dying server would; for tests.
     void breakConnection();

@@ -20,6 +20,7 @@ public:
     void reenable() override;
     quint64 liveFlags() override;
     QString unavailableMessage() const override { return eventTapRefused(); }
+    QString deliveryDescription() const override { return QStringLiteral("dedicated event thread"); }
 
     // Opens the privacy pane where the user grants the Accessibility permission.
     static void openAccessibilitySettings();

@@ -1,5 +1,6 @@
 #include "LogRecorder.h"
 #include "core/QuorvaneError.h"
+#include "core/Scheduler.h"
 #include "linux/DesktopDriver.h"
 #include "platform/PasteTextInjector.h"
 #include "platform/PlatformKitFactory.h"
@@ -31,11 +32,50 @@ int offerClipboard(int argc, char **argv) {
     return app.exec();
 }
 
-QByteArray paste(const QString &type) {
-    const ToolRun run =
-        runTool(QStringLiteral("wl-paste"), {QStringLiteral("--no-newline"), QStringLiteral("--type"), type});
+QByteArray paste(const QString &type, bool primary = false) {
+    QStringList arguments{QStringLiteral("--no-newline"), QStringLiteral("--type"), type};
+    if (primary)
+        arguments << QStringLiteral("--primary");
+    const ToolRun run = runTool(QStringLiteral("wl-paste"), arguments);
     return run.exitCode == 0 ? run.output : QByteArray("<unreadable>");
 }
+
+QByteArray pastePrimary() {
+    return paste(QStringLiteral("text/plain;charset=utf-8"), true);
+}
+
+// The reason an injection failed, empty when it did not.
+QString injectionFailure(PasteTextInjector &injector, const QString &text) {
+    try {
+        injector.inject(text);
+    } catch (const QuorvaneError &error) {
+        return error.text();
+    }
+    return {};
+}
+
+// An X server of its own, standing in for the XWayland a GNOME session runs beside Mutter.
+struct StandInXWayland {
+    StandInXWayland() {
+        server.start(QStringLiteral("Xvfb"), {QStringLiteral("-displayfd"), QStringLiteral("1"),
+                                              QStringLiteral("-nolisten"), QStringLiteral("tcp")});
+        if (server.waitForReadyRead(5000))
+            display = QStringLiteral(":") + QString::fromLatin1(server.readLine().trimmed());
+    }
+    ~StandInXWayland() {
+        server.terminate();
+        server.waitForFinished(2000);
+    }
+    QByteArray clipboard() {
+        const QByteArray saved = qgetenv("DISPLAY");
+        qputenv("DISPLAY", display.toLocal8Bit());
+        const ToolRun run = runTool(QStringLiteral("xclip"), {"-selection", "clipboard", "-o", "-t", "UTF8_STRING"});
+        qputenv("DISPLAY", saved);
+        return run.exitCode == 0 ? run.output : QByteArray("<unreadable>");
+    }
+    QProcess server;
+    QString display;
+};
 
 } // namespace
 
@@ -60,7 +100,7 @@ private Q_SLOTS:
             << "";
         QTest::newRow("not under sway") << QByteArray("SWAYSOCK") << QByteArray()
                                         << "clipboard control yes, virtual keyboard yes, window tree no"
-                                        << "no sway IPC socket";
+                                        << "no sway IPC socket or Hyprland request socket";
         QTest::newRow("compositor gone") << QByteArray("WAYLAND_DISPLAY") << QByteArray("wayland-none")
                                          << "clipboard control no"
                                          << "could not be reached";
@@ -114,6 +154,7 @@ private Q_SLOTS:
         QFETCH(QStringList, events);
 
         QStringList seen;
+        LogRecorder log;
         std::vector<std::unique_ptr<PushToTalkHotkey>> hotkeys;
         if (running)
             for (const PipelineMode mode :
@@ -126,6 +167,11 @@ private Q_SLOTS:
                 QVERIFY(hotkey->start());
                 hotkeys.push_back(std::move(hotkey));
             }
+        // No thread of ours watches keys here, and the log must not claim one does.
+        const QStringList armed = log.lines.filter(QStringLiteral("Hotkey armed"));
+        QCOMPARE(armed.size(), running ? 3 : 0);
+        for (const QString &line : armed)
+            QVERIFY2(line.contains(QStringLiteral("key binding calls Quorvane")), qPrintable(line));
 
         int status = -1;
         QByteArray stderrText;
@@ -183,6 +229,75 @@ private Q_SLOTS:
         QCOMPARE(target.text(QStringLiteral("password")), QString());
         owner.kill();
         owner.waitForFinished();
+    }
+
+    // Shift+Insert in an xterm-like pastes the primary selection: the text is put there too, and
+    // what the user had selected comes back with the clipboard.
+    void xtermLikesGetThePrimarySelectionToo_data() {
+        QTest::addColumn<QString>("destination");
+        QTest::addColumn<bool>("takesPrimary");
+        QTest::newRow("xterm-like") << "xterm" << true;
+        QTest::newRow("any other window") << "" << false;
+    }
+    void xtermLikesGetThePrimarySelectionToo() {
+        QFETCH(QString, destination);
+        QFETCH(bool, takesPrimary);
+        const QByteArray selected = QByteArrayLiteral("selected by the user");
+        QCOMPARE(
+            runTool(QStringLiteral("wl-copy"), {QStringLiteral("--primary"), QString::fromUtf8(selected)}).exitCode, 0);
+        QTRY_COMPARE_WITH_TIMEOUT(pastePrimary(), selected, 3000);
+
+        TargetWindow target(QStringLiteral("wayland"));
+        QVERIFY(target.ready);
+        QVERIFY(target.command(QStringLiteral("focus line")) == "ok");
+        auto sway = std::make_shared<SwayFrontmostApp>(qEnvironmentVariable("SWAYSOCK"));
+        QTRY_COMPARE_WITH_TIMEOUT(sway->frontmostApp().processID, std::optional<qint32>(target.processID()), 5000);
+        // The Qt window stands in for the terminal: it pastes on Shift+Insert as well.
+        auto backend = std::make_shared<WaylandTextBackend>([destination] { return destination; },
+                                                            [sway] { return sway->frontmostApp().processID; });
+        ManualScheduler clock;
+        PasteTextInjector injector(backend, clock);
+
+        const QString dictated = QStringLiteral("ls -la ~/projects");
+        injector.inject(dictated);
+        QTRY_COMPARE_WITH_TIMEOUT(target.text(QStringLiteral("line")), dictated, 3000);
+        QCOMPARE(pastePrimary(), takesPrimary ? dictated.toUtf8() : selected);
+        clock.advance(PasteTextInjector::restoreDelayMs);
+        QCOMPARE(pastePrimary(), selected);
+    }
+
+    // As on GNOME: no clipboard control and no virtual keyboard. The text still reaches the
+    // clipboard through XWayland where there is one, and the failure says what is missing.
+    void withoutClipboardControlTheTextGoesThroughXWayland_data() {
+        QTest::addColumn<bool>("xwayland");
+        QTest::addColumn<QString>("failure");
+        QTest::newRow("XWayland beside") << true << "Could not insert text: could not synthesise the paste keystroke";
+        QTest::newRow("no XWayland") << false << "Could not insert text: could not write to the pasteboard";
+    }
+    void withoutClipboardControlTheTextGoesThroughXWayland() {
+        QFETCH(bool, xwayland);
+        QFETCH(QString, failure);
+        std::optional<StandInXWayland> x11;
+        if (xwayland) {
+            x11.emplace();
+            QVERIFY(!x11->display.isEmpty());
+        }
+        auto backend = std::make_shared<WaylandTextBackend>(nullptr, nullptr, WaylandTextBackend::Ignored{true, true},
+                                                            x11 ? x11->display : QString());
+        const SessionType::WaylandServices services = backend->services();
+        QVERIFY(services.connected && !services.clipboardControl && !services.virtualKeyboard);
+        QCOMPARE(services.x11Clipboard, xwayland);
+        ManualScheduler clock;
+        PasteTextInjector injector(backend, clock);
+
+        const QString dictated = QStringLiteral("Café au lait, s\u2019il vous pla\u00EEt.");
+        QCOMPARE(injectionFailure(injector, dictated), failure);
+        if (x11)
+            QCOMPARE(x11->clipboard(), dictated.toUtf8());
+        // Nothing was pasted, so nothing is put back over the text left for the user.
+        clock.advance(PasteTextInjector::restoreDelayMs);
+        if (x11)
+            QCOMPARE(x11->clipboard(), dictated.toUtf8());
     }
 };
 

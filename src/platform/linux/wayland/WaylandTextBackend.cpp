@@ -3,6 +3,7 @@
 #include "core/Log.h"
 #include "platform/linux/AtspiFocus.h"
 #include "platform/linux/PasteChord.h"
+#include "platform/linux/X11ClipboardOwner.h"
 
 #include <QSocketNotifier>
 #include <chrono>
@@ -84,6 +85,8 @@ struct WaylandTextBackend::State {
     wl_registry *registry = nullptr;
     wl_seat *seat = nullptr;
     zwlr_data_control_manager_v1 *dataControl = nullptr;
+    // From 2 on the device reports and sets the primary selection too.
+    uint32_t dataControlVersion = 0;
     zwlr_data_control_device_v1 *device = nullptr;
     zwp_virtual_keyboard_manager_v1 *keyboardManager = nullptr;
     zwp_virtual_keyboard_v1 *keyboard = nullptr;
@@ -95,10 +98,21 @@ struct WaylandTextBackend::State {
     QStringList incomingTypes;
     zwlr_data_control_offer_v1 *selection = nullptr;
     QStringList selectionTypes;
+    zwlr_data_control_offer_v1 *primary = nullptr;
+    QStringList primaryTypes;
 
     // What we put on the clipboard, while it is still there.
     zwlr_data_control_source_v1 *source = nullptr;
     ClipboardItem sourceData;
+    // The same for the primary selection, with what it held before we first took it (nullopt when
+    // that could not be read, so nothing is put back).
+    zwlr_data_control_source_v1 *primarySource = nullptr;
+    ClipboardItem primaryData;
+    std::optional<ClipboardItem> primarySaved;
+
+    Ignored ignored{false, false};
+    // The clipboard's way in where the compositor offers no clipboard control.
+    std::unique_ptr<X11ClipboardOwner> x11;
 
     qint64 changeCount = 0;
     quint32 controlMask = 0, shiftMask = 0;
@@ -111,6 +125,14 @@ struct WaylandTextBackend::State {
         source = nullptr;
         sourceData.clear();
     }
+    void dropPrimarySource() {
+        if (primarySource)
+            zwlr_data_control_source_v1_destroy(primarySource);
+        primarySource = nullptr;
+        primaryData.clear();
+    }
+    zwlr_data_control_source_v1 *makeSource(const ClipboardItem &formats, ClipboardItem &kept);
+    std::optional<ClipboardItem> read(zwlr_data_control_offer_v1 *offer, const QStringList &types);
 };
 
 namespace {
@@ -150,18 +172,28 @@ void finished(void *data, zwlr_data_control_device_v1 *device) {
     state->device = nullptr;
 }
 
-// Version 1 is bound, so this never comes; the listener still needs the slot.
-void primarySelection(void *, zwlr_data_control_device_v1 *, zwlr_data_control_offer_v1 *offer) {
-    if (offer)
-        zwlr_data_control_offer_v1_destroy(offer);
+// Not counted as a change: the count is the clipboard's, which decides the restore.
+void primarySelection(void *data, zwlr_data_control_device_v1 *, zwlr_data_control_offer_v1 *offer) {
+    auto *state = static_cast<WaylandTextBackend::State *>(data);
+    if (state->primary && state->primary != offer)
+        zwlr_data_control_offer_v1_destroy(state->primary);
+    state->primary = offer;
+    state->primaryTypes.clear();
+    if (offer && offer == state->incoming) {
+        state->primaryTypes = std::exchange(state->incomingTypes, {});
+        state->incoming = nullptr;
+    }
 }
 const zwlr_data_control_device_v1_listener deviceListener = {dataOffer, selection, finished, primarySelection};
 
 void send(void *data, zwlr_data_control_source_v1 *source, const char *type, int32_t fd) {
     auto *state = static_cast<WaylandTextBackend::State *>(data);
     const QString wanted = QString::fromUtf8(type);
-    if (source == state->source)
-        for (const auto &[format, bytes] : state->sourceData)
+    const DesktopTextBackend::ClipboardItem *formats = source == state->source          ? &state->sourceData
+                                                       : source == state->primarySource ? &state->primaryData
+                                                                                        : nullptr;
+    if (formats)
+        for (const auto &[format, bytes] : *formats)
             if (format == wanted) {
                 sendInBackground(fd, bytes);
                 return;
@@ -171,23 +203,32 @@ void send(void *data, zwlr_data_control_source_v1 *source, const char *type, int
 
 void cancelled(void *data, zwlr_data_control_source_v1 *source) {
     auto *state = static_cast<WaylandTextBackend::State *>(data);
-    if (source == state->source)
+    if (source == state->source) {
         state->dropSource();
-    else
+    } else if (source == state->primarySource) {
+        // Someone selected something newer; it wins over what we saved.
+        state->dropPrimarySource();
+        state->primarySaved.reset();
+    } else {
         zwlr_data_control_source_v1_destroy(source);
+    }
 }
 const zwlr_data_control_source_v1_listener sourceListener = {send, cancelled};
 
-void global(void *data, wl_registry *registry, uint32_t name, const char *interface, uint32_t) {
+void global(void *data, wl_registry *registry, uint32_t name, const char *interface, uint32_t version) {
     auto *state = static_cast<WaylandTextBackend::State *>(data);
-    if (!state->seat && std::strcmp(interface, wl_seat_interface.name) == 0)
+    if (!state->seat && std::strcmp(interface, wl_seat_interface.name) == 0) {
         state->seat = static_cast<wl_seat *>(wl_registry_bind(registry, name, &wl_seat_interface, 1));
-    else if (std::strcmp(interface, zwlr_data_control_manager_v1_interface.name) == 0)
+    } else if (!state->ignored.dataControl &&
+               std::strcmp(interface, zwlr_data_control_manager_v1_interface.name) == 0) {
+        state->dataControlVersion = std::min(version, 2u);
         state->dataControl = static_cast<zwlr_data_control_manager_v1 *>(
-            wl_registry_bind(registry, name, &zwlr_data_control_manager_v1_interface, 1));
-    else if (std::strcmp(interface, zwp_virtual_keyboard_manager_v1_interface.name) == 0)
+            wl_registry_bind(registry, name, &zwlr_data_control_manager_v1_interface, state->dataControlVersion));
+    } else if (!state->ignored.virtualKeyboard &&
+               std::strcmp(interface, zwp_virtual_keyboard_manager_v1_interface.name) == 0) {
         state->keyboardManager = static_cast<zwp_virtual_keyboard_manager_v1 *>(
             wl_registry_bind(registry, name, &zwp_virtual_keyboard_manager_v1_interface, 1));
+    }
 }
 void globalRemove(void *, wl_registry *, uint32_t) {}
 const wl_registry_listener registryListener = {global, globalRemove};
@@ -246,9 +287,43 @@ void WaylandTextBackend::State::dispatch() {
     wl_display_flush(display);
 }
 
-WaylandTextBackend::WaylandTextBackend(DestinationID destination, DestinationProcess process)
+zwlr_data_control_source_v1 *WaylandTextBackend::State::makeSource(const ClipboardItem &formats, ClipboardItem &kept) {
+    zwlr_data_control_source_v1 *made = zwlr_data_control_manager_v1_create_data_source(dataControl);
+    zwlr_data_control_source_v1_add_listener(made, &sourceListener, this);
+    for (const auto &[format, bytes] : formats) {
+        zwlr_data_control_source_v1_offer(made, format.toUtf8().constData());
+        kept.append({format, bytes});
+    }
+    return made;
+}
+
+std::optional<DesktopTextBackend::ClipboardItem> WaylandTextBackend::State::read(zwlr_data_control_offer_v1 *offer,
+                                                                                 const QStringList &types) {
+    ClipboardItem item;
+    if (!offer)
+        return item;
+    const auto deadline = Clock::now() + snapshotDeadline;
+    for (const QString &type : types) {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0)
+            return std::nullopt;
+        zwlr_data_control_offer_v1_receive(offer, type.toUtf8().constData(), fds[1]);
+        wl_display_flush(display);
+        close(fds[1]);
+        const std::optional<QByteArray> data = readAll(fds[0], deadline);
+        close(fds[0]);
+        if (!data)
+            return std::nullopt;
+        item.append({type, *data});
+    }
+    return item;
+}
+
+WaylandTextBackend::WaylandTextBackend(DestinationID destination, DestinationProcess process, Ignored ignored,
+                                       const QString &x11Display)
     : m_state(std::make_unique<State>()), m_destination(std::move(destination)), m_process(std::move(process)) {
     State &s = *m_state;
+    s.ignored = ignored;
     s.display = wl_display_connect(nullptr);
     if (!s.display)
         return;
@@ -258,6 +333,10 @@ WaylandTextBackend::WaylandTextBackend(DestinationID destination, DestinationPro
     if (s.seat && s.dataControl) {
         s.device = zwlr_data_control_manager_v1_get_data_device(s.dataControl, s.seat);
         zwlr_data_control_device_v1_add_listener(s.device, &deviceListener, &s);
+    } else if (!x11Display.isEmpty()) {
+        s.x11 = std::make_unique<X11ClipboardOwner>(x11Display);
+        if (!s.x11->isAvailable())
+            s.x11.reset();
     }
     if (s.seat && s.keyboardManager) {
         s.keyboard = zwp_virtual_keyboard_manager_v1_create_virtual_keyboard(s.keyboardManager, s.seat);
@@ -287,8 +366,11 @@ WaylandTextBackend::~WaylandTextBackend() {
         return;
     s.notifier.reset();
     s.dropSource();
+    s.dropPrimarySource();
     if (s.selection)
         zwlr_data_control_offer_v1_destroy(s.selection);
+    if (s.primary)
+        zwlr_data_control_offer_v1_destroy(s.primary);
     if (s.incoming)
         zwlr_data_control_offer_v1_destroy(s.incoming);
     if (s.device)
@@ -310,13 +392,15 @@ SessionType::WaylandServices WaylandTextBackend::services() const {
     SessionType::WaylandServices services;
     services.connected = m_state->display != nullptr;
     services.clipboardControl = m_state->device != nullptr;
+    services.x11Clipboard = m_state->x11 != nullptr;
     services.virtualKeyboard = m_state->keyboard != nullptr;
     return services;
 }
 
 bool WaylandTextBackend::isTrusted() {
-    // Without a virtual keyboard the text still reaches the clipboard; the chord is what fails.
-    return m_state->device != nullptr;
+    // Nothing to be granted here: a missing clipboard or keyboard fails the step that needs it,
+    // saying which.
+    return m_state->display != nullptr;
 }
 
 std::unique_ptr<FocusedElement> WaylandTextBackend::focusedElement() {
@@ -327,66 +411,87 @@ std::unique_ptr<FocusedElement> WaylandTextBackend::focusedElement() {
 
 DesktopTextBackend::ClipboardSnapshot WaylandTextBackend::readClipboard() {
     State &s = *m_state;
+    // Through XWayland nothing is pasted (no clipboard control means no virtual keyboard either on
+    // the desktops concerned), so there is nothing to put back.
     if (!s.device || !s.roundtrip())
         return {};
     // Our own text or restore is still there: asking ourselves would wait on our own event loop.
     if (s.source)
         return {s.sourceData};
-    if (!s.selection)
+    const std::optional<ClipboardItem> item = s.read(s.selection, s.selectionTypes);
+    if (!item) {
+        Log::warn(QStringLiteral("The clipboard's owner did not answer within 300 ms; its content cannot be "
+                                 "saved and will not come back after the paste."));
         return {};
-    ClipboardItem item;
-    const auto deadline = Clock::now() + snapshotDeadline;
-    for (const QString &type : std::as_const(s.selectionTypes)) {
-        int fds[2];
-        if (pipe2(fds, O_CLOEXEC) != 0)
-            return {};
-        zwlr_data_control_offer_v1_receive(s.selection, type.toUtf8().constData(), fds[1]);
-        wl_display_flush(s.display);
-        close(fds[1]);
-        const std::optional<QByteArray> data = readAll(fds[0], deadline);
-        close(fds[0]);
-        if (!data) {
-            Log::warn(QStringLiteral("The clipboard's owner did not answer within 300 ms; its content cannot be "
-                                     "saved and will not come back after the paste."));
-            return {};
-        }
-        item.append({type, *data});
     }
-    if (item.isEmpty())
+    if (item->isEmpty())
         return {};
-    return {item};
+    return {*item};
 }
 
 bool WaylandTextBackend::offer(const ClipboardItem &formats) {
     State &s = *m_state;
     if (!s.device)
-        return false;
+        return s.x11 && s.x11->own(formats);
     s.dropSource();
-    s.source = zwlr_data_control_manager_v1_create_data_source(s.dataControl);
-    zwlr_data_control_source_v1_add_listener(s.source, &sourceListener, &s);
-    for (const auto &[format, bytes] : formats) {
-        zwlr_data_control_source_v1_offer(s.source, format.toUtf8().constData());
-        s.sourceData.append({format, bytes});
-    }
+    s.source = s.makeSource(formats, s.sourceData);
     zwlr_data_control_device_v1_set_selection(s.device, s.source);
     // The selection event our write causes is counted before we return, so the count a caller
     // remembers now moves only when someone else copies.
     return s.roundtrip() && s.source;
 }
 
+namespace {
+
+DesktopTextBackend::ClipboardItem textFormats(const QByteArray &utf8) {
+    return {{QStringLiteral("text/plain;charset=utf-8"), utf8},
+            {QStringLiteral("text/plain"), utf8},
+            {QStringLiteral("UTF8_STRING"), utf8},
+            {QStringLiteral("TEXT"), utf8},
+            {QStringLiteral("STRING"), utf8}};
+}
+
+} // namespace
+
 bool WaylandTextBackend::writeText(const QString &text) {
     const QByteArray utf8 = text.toUtf8();
-    return offer({{QStringLiteral("text/plain;charset=utf-8"), utf8},
-                  {QStringLiteral("text/plain"), utf8},
-                  {QStringLiteral("UTF8_STRING"), utf8},
-                  {QStringLiteral("TEXT"), utf8},
-                  {QStringLiteral("STRING"), utf8}});
+    if (!offer(textFormats(utf8)))
+        return false;
+    const QString destination = m_destination ? m_destination() : QString();
+    if (pasteChordFor(destination, destination) == PasteChord::shiftInsert)
+        takePrimary(utf8);
+    return true;
+}
+
+// xterm-likes paste the primary selection with Shift+Insert, so the text goes there too; what it
+// held is saved first and comes back with the clipboard.
+void WaylandTextBackend::takePrimary(const QByteArray &utf8) {
+    State &s = *m_state;
+    if (!s.device || s.dataControlVersion < 2)
+        return;
+    // Held by us already: what we saved the first time is still the user's.
+    if (!s.primarySource)
+        s.primarySaved = s.read(s.primary, s.primaryTypes);
+    s.dropPrimarySource();
+    s.primarySource = s.makeSource(textFormats(utf8), s.primaryData);
+    zwlr_data_control_device_v1_set_primary_selection(s.device, s.primarySource);
+    s.roundtrip();
 }
 
 void WaylandTextBackend::writeClipboard(const ClipboardSnapshot &items) {
     State &s = *m_state;
-    if (!s.device)
+    if (!s.device && s.x11 && items.isEmpty())
+        s.x11->release();
+    if (!s.device && items.isEmpty())
         return;
+    if (s.primarySource) {
+        const std::optional<ClipboardItem> saved = std::exchange(s.primarySaved, std::nullopt);
+        s.dropPrimarySource();
+        if (saved && !saved->isEmpty())
+            s.primarySource = s.makeSource(*saved, s.primaryData);
+        // Nothing read back leaves the selection empty rather than holding our text.
+        zwlr_data_control_device_v1_set_primary_selection(s.device, s.primarySource);
+    }
     if (items.isEmpty()) {
         s.dropSource();
         zwlr_data_control_device_v1_set_selection(s.device, nullptr);
@@ -403,6 +508,8 @@ void WaylandTextBackend::writeClipboard(const ClipboardSnapshot &items) {
 }
 
 qint64 WaylandTextBackend::changeCount() {
+    if (!m_state->device && m_state->x11)
+        return m_state->x11->changeCount();
     m_state->dispatch();
     return m_state->changeCount;
 }

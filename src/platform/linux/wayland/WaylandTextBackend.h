@@ -7,10 +7,12 @@
 #include <functional>
 #include <memory>
 
-// Text in a Wayland session: the clipboard through the wlr data-control protocol, the paste chord
-// through a virtual keyboard with a keymap of our own, and the focused element through AT-SPI. It
-// keeps a connection to the compositor of its own, separate from Qt's, dispatched on the main
-// thread; use it there only.
+// Text in a Wayland session: the clipboard through the wlr data-control protocol (and the primary
+// selection too for terminals that paste it), the paste chord through a virtual keyboard with a
+// keymap of our own, and the focused element through AT-SPI. Where the compositor offers no
+// clipboard control (GNOME's Mutter), the text goes to XWayland's CLIPBOARD, which the compositor
+// hands on to its Wayland clients. It keeps a connection to the compositor of its own, separate
+// from Qt's, dispatched on the main thread; use it there only.
 class WaylandTextBackend final : public DesktopTextBackend {
 public:
     // The app_id (or X11 class) of the window in front, empty when unknown: picks the paste chord.
@@ -18,7 +20,16 @@ public:
     // The process of the window in front, when known: where the focused element is looked for.
     using DestinationProcess = std::function<std::optional<qint32>()>;
 
-    WaylandTextBackend(DestinationID destination, DestinationProcess process);
+    // Protocols to leave unused although the compositor offers them: a compositor without them is
+    // played this way.
+    struct Ignored {
+        bool dataControl;
+        bool virtualKeyboard;
+    };
+
+    // `x11Display`: XWayland's DISPLAY, the clipboard's way in when there is no clipboard control.
+    WaylandTextBackend(DestinationID destination, DestinationProcess process, Ignored ignored = {false, false},
+                       const QString &x11Display = qEnvironmentVariable("DISPLAY"));
     ~WaylandTextBackend() override;
     WaylandTextBackend(const WaylandTextBackend &) = delete;
     WaylandTextBackend &operator=(const WaylandTextBackend &) = delete;
@@ -38,6 +49,7 @@ public:
 
 private:
     bool offer(const ClipboardItem &formats);
+    void takePrimary(const QByteArray &utf8);
 
     std::unique_ptr<State> m_state;
     DestinationID m_destination;

@@ -1,0 +1,145 @@
+#include "platform/linux/HyprlandFrontmostApp.h"
+
+#include "core/Log.h"
+
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <chrono>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Asked before each paste: a compositor that does not answer quickly is treated as unknown.
+constexpr auto requestDeadline = std::chrono::milliseconds(500);
+// One window's description is well under a kilobyte.
+constexpr qsizetype maxReply = 1024 * 1024;
+
+int remainingMs(Clock::time_point deadline) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return left > 0 ? int(left) : 0;
+}
+
+bool sendAll(int fd, const QByteArray &data, Clock::time_point deadline) {
+    qsizetype sent = 0;
+    while (sent < data.size()) {
+        pollfd writable{fd, POLLOUT, 0};
+        if (poll(&writable, 1, remainingMs(deadline)) <= 0)
+            return false;
+        const ssize_t wrote = send(fd, data.constData() + sent, size_t(data.size() - sent), MSG_NOSIGNAL);
+        if (wrote <= 0)
+            return false;
+        sent += wrote;
+    }
+    return true;
+}
+
+std::optional<QByteArray> readToEnd(int fd, Clock::time_point deadline) {
+    QByteArray reply;
+    char buffer[4096];
+    for (;;) {
+        pollfd readable{fd, POLLIN, 0};
+        if (poll(&readable, 1, remainingMs(deadline)) <= 0)
+            return std::nullopt;
+        const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
+        if (got == 0)
+            return reply;
+        if (got < 0 || reply.size() + got > maxReply)
+            return std::nullopt;
+        reply.append(buffer, got);
+    }
+}
+
+} // namespace
+
+HyprlandFrontmostApp::HyprlandFrontmostApp(QString socketPath) : m_socketPath(std::move(socketPath)) {}
+
+QString HyprlandFrontmostApp::socketPath(const QString &runtimeDir, const QString &signature) {
+    // A signature is one folder name; anything else would lead outside the folders we look in.
+    if (signature.isEmpty() || signature.contains(QLatin1Char('/')) || signature.startsWith(QLatin1Char('.')))
+        return {};
+    const QString suffix = QStringLiteral("/hypr/") + signature + QStringLiteral("/.socket.sock");
+    const QString current = runtimeDir + suffix, older = QStringLiteral("/tmp") + suffix;
+    if (runtimeDir.isEmpty() || (!QFileInfo::exists(current) && QFileInfo::exists(older)))
+        return older;
+    return current;
+}
+
+std::optional<QByteArray> HyprlandFrontmostApp::request(const QString &socketPath, const QByteArray &command) {
+    const QByteArray path = socketPath.toLocal8Bit();
+    sockaddr_un address{};
+    if (path.isEmpty() || size_t(path.size()) >= sizeof address.sun_path)
+        return std::nullopt;
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return std::nullopt;
+    const auto deadline = Clock::now() + requestDeadline;
+    std::optional<QByteArray> reply;
+    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
+        sendAll(fd, command, deadline))
+        reply = readToEnd(fd, deadline);
+    close(fd);
+    return reply;
+}
+
+bool HyprlandFrontmostApp::answers(const QString &socketPath) {
+    const std::optional<QByteArray> reply = request(socketPath, QByteArrayLiteral("j/version"));
+    return reply && QJsonDocument::fromJson(*reply).isObject();
+}
+
+std::optional<HyprlandFrontmostApp::Window> HyprlandFrontmostApp::activeWindow(const QJsonObject &reply) {
+    const QString windowClass = reply.value(QLatin1String("class")).toString();
+    const int pid = reply.value(QLatin1String("pid")).toInt();
+    // "{}" when no window is active; a window that has neither is no use to us either.
+    if (windowClass.isEmpty() && pid <= 0)
+        return std::nullopt;
+    Window window;
+    if (reply.value(QLatin1String("xwayland")).toBool())
+        window.identity.wmClass = windowClass;
+    else
+        window.identity.applicationID = windowClass;
+    if (pid > 0)
+        window.processID = pid;
+    return window;
+}
+
+std::optional<std::optional<HyprlandFrontmostApp::Window>> HyprlandFrontmostApp::active() {
+    const std::optional<QByteArray> reply = request(m_socketPath, QByteArrayLiteral("j/activewindow"));
+    const QJsonDocument document = reply ? QJsonDocument::fromJson(*reply) : QJsonDocument();
+    if (!document.isObject()) {
+        if (!std::exchange(m_saidUnknown, true))
+            Log::warn(QStringLiteral("The application in front cannot be known here (no answer from Hyprland's "
+                                     "request socket); text is pasted without checking that the destination is "
+                                     "unchanged."));
+        return std::nullopt;
+    }
+    return activeWindow(document.object());
+}
+
+QString HyprlandFrontmostApp::focusedApplicationID() {
+    std::lock_guard lock(m_mutex);
+    const auto window = active();
+    if (!window || !*window)
+        return {};
+    const DesktopEntries::Window &identity = (*window)->identity;
+    return identity.applicationID.isEmpty() ? identity.wmClass : identity.applicationID;
+}
+
+FrontmostApp HyprlandFrontmostApp::frontmostApp() {
+    std::lock_guard lock(m_mutex);
+    const auto window = active();
+    if (!window || !*window)
+        return {};
+    if (!m_entries)
+        m_entries = std::make_unique<DesktopEntries>(DesktopEntries::standardDataDirs());
+    FrontmostApp app = m_entries->describe((*window)->identity);
+    app.processID = (*window)->processID;
+    return app;
+}
