@@ -206,7 +206,11 @@ void GlobalShortcutsSession::createSession() {
                                        : QStringLiteral("could not create a shortcut session: ") + outcome.problem);
                             return;
                         }
-                        const QString path = outcome.results.value(QStringLiteral("session_handle")).toString();
+                        // Documented as a string; some portals send an object path.
+                        const QVariant handle = outcome.results.value(QStringLiteral("session_handle"));
+                        const QString path = handle.metaType() == QMetaType::fromType<QDBusObjectPath>()
+                                                 ? handle.value<QDBusObjectPath>().path()
+                                                 : handle.toString();
                         sessionCreated(path.isEmpty() ? m_sessionPath : path);
                     });
 }
