@@ -30,7 +30,11 @@ Check session(const SetupChecks::Facts &facts) {
         return passed(title, QStringLiteral("X11: Quorvane can watch its keys and paste on this desktop."));
     if (facts.sessionType == QLatin1String("wayland")) {
         if (!facts.sessionGaps.isEmpty())
-            return failed(title, QStringLiteral("Wayland: ") + facts.sessionGaps.join(QLatin1Char(' ')));
+            return failed(title,
+                          QStringLiteral("Wayland: ") +
+                              (facts.sessionGaps + QStringList{facts.keySetup}).join(QLatin1Char(' ')).trimmed());
+        if (!facts.keySetup.isEmpty())
+            return passed(title, QStringLiteral("Wayland: Quorvane pastes through the compositor. ") + facts.keySetup);
         return passed(title, QStringLiteral("Wayland: Quorvane pastes through the compositor. Bind each mode key in "
                                             "your compositor to \u201Cquorvane key press dictate\u201D on press and "
                                             "\u201Cquorvane key release dictate\u201D on release (edit and prompt "

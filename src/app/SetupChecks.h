@@ -39,6 +39,8 @@ public:
         QString sessionType;
         // What the session lacks, each with its next step (the platform kit's).
         QStringList sessionGaps;
+        // How the mode keys reach Quorvane and what the user does next (the platform kit's).
+        QString keySetup;
         bool trayHost = false;
         // Unknown when the accessibility bus did not answer.
         std::optional<bool> assistiveTechnology;

@@ -59,6 +59,9 @@ struct PlatformKit {
     std::function<QString(PushToTalkKey)> keyDisplayName;
     // What this desktop session lacks for dictation, one line each with the next step.
     QStringList sessionGaps;
+    // Where the desktop decides how the mode keys reach us: which way is used and what the user
+    // does next. Empty where the keys need no setup.
+    QString keySetup;
 
     // Every service its fallback: the starting point of each platform's kit.
     static PlatformKit fallbacks();

@@ -64,6 +64,15 @@ private Q_SLOTS:
             f.sessionGaps = SessionType::waylandGaps({true, true, false, true});
         }) << "Supported session" << Status::failed << Action::none
                                                             << "left on the clipboard";
+        QTest::newRow("wayland, keys through the desktop's shortcuts") << false << workingBut([](Facts &f) {
+            f.sessionType = QStringLiteral("wayland");
+            f.keySetup = QStringLiteral("Confirm the shortcuts when the desktop asks.");
+        }) << "Supported session" << Status::passed << Action::none << "Confirm the shortcuts";
+        QTest::newRow("wayland lacking a piece still says how the keys come") << false << workingBut([](Facts &f) {
+            f.sessionType = QStringLiteral("wayland");
+            f.sessionGaps = SessionType::waylandGaps({true, false, false, true});
+            f.keySetup = QStringLiteral("Confirm the shortcuts when the desktop asks.");
+        }) << "Supported session" << Status::failed << Action::none << "Confirm the shortcuts";
         QTest::newRow("no display") << false << workingBut([](Facts &f) { f.sessionType.clear(); })
                                     << "Supported session" << Status::failed << Action::none << "X11 or Wayland";
         QTest::newRow("silent microphone") << false << workingBut([](Facts &f) { f.peakLevel = 0.0005f; })

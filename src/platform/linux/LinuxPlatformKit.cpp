@@ -8,7 +8,6 @@
 #include "platform/PushToTalkHotkey.h"
 #include "platform/SessionType.h"
 #include "platform/WarmMicrophone.h"
-#include "platform/linux/CompositorKeyBindings.h"
 #include "platform/linux/FreedesktopNotifications.h"
 #include "platform/linux/HyprlandFrontmostApp.h"
 #include "platform/linux/LinuxAgentHandoffLauncher.h"
@@ -22,8 +21,10 @@
 #include "platform/linux/X11FrontmostApp.h"
 #include "platform/linux/X11HotkeyBackend.h"
 #include "platform/linux/X11TextBackend.h"
+#include "platform/linux/wayland/WaylandKeys.h"
 #include "platform/linux/wayland/WaylandTextBackend.h"
 
+#include <QDBusConnection>
 #include <QDir>
 #include <QGuiApplication>
 
@@ -47,11 +48,11 @@ void wireX11(PlatformKit &kit) {
 }
 
 void wireWayland(PlatformKit &kit) {
-    // No client may watch the keyboard here: the compositor's bindings call us instead. The keys keep
-    // their names, which the suggested bindings use.
-    kit.hotkey = [](PushToTalkKey key, PipelineMode mode) -> std::unique_ptr<GlobalHotkey> {
-        return std::make_unique<PushToTalkHotkey>(key, std::make_shared<CompositorKeyBindingBackend>(mode));
-    };
+    // No client may watch the keyboard here: the desktop's shortcut portal or the compositor's
+    // bindings tell us about the keys instead.
+    const WaylandKeys::Route keys = WaylandKeys::choose(GlobalShortcutsSession::probe(QDBusConnection::sessionBus()));
+    kit.hotkey = keys.hotkey;
+    kit.keySetup = keys.setupStep;
 
     // Hyprland's signature is set only inside a Hyprland session; otherwise sway's socket, if any.
     const QString hyprlandSocket = HyprlandFrontmostApp::socketPath(
@@ -89,10 +90,10 @@ void wireWayland(PlatformKit &kit) {
     services.windowTree = windowTree;
     kit.sessionGaps = SessionType::waylandGaps(services);
     const auto has = [](bool present) { return present ? QStringLiteral("yes") : QStringLiteral("no"); };
-    Log::info(QStringLiteral("Wayland session: keys through compositor bindings (quorvane key), clipboard control "
-                             "%1, virtual keyboard %2, window tree %3, XWayland clipboard %4.")
-                  .arg(has(services.clipboardControl), has(services.virtualKeyboard), has(services.windowTree),
-                       has(services.x11Clipboard)));
+    Log::info(QStringLiteral("Wayland session: keys through %1, clipboard control %2, virtual keyboard %3, window "
+                             "tree %4, XWayland clipboard %5.")
+                  .arg(keys.summary, has(services.clipboardControl), has(services.virtualKeyboard),
+                       has(services.windowTree), has(services.x11Clipboard)));
     for (const QString &gap : std::as_const(kit.sessionGaps))
         Log::warn(gap);
 }
