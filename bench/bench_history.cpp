@@ -89,11 +89,11 @@ void run(const char *title, int entries, int textLength, int rounds) {
 int main(int argc, char **argv) {
     QCoreApplication app(argc, argv);
     const int rounds = argc > 1 ? std::max(20, QString::fromLocal8Bit(argv[1]).toInt()) : 200;
-    // ~4.2 KB lines: both ceilings reached together, so every append prunes.
+    // ~4.2 KB lines, longer than a page of the file: both ceilings are reached together.
     run("Full history (2000 entries, 8 MiB)", 2000, 1290, rounds);
     // Typical dictations: the entry ceiling binds first.
     run("Full history of short dictations", 2000, 120, rounds);
-    // Below the ceilings most appends are a single write at the end of the file.
+    // Below the ceilings every append is a single write at the end of the file.
     run("Half-full history of short dictations", 1000, 120, rounds);
     return 0;
 }

@@ -122,12 +122,13 @@ QCoro::Task<void> AppShell::prepareAndReport() {
     co_await m_pipeline->prepare();
     if (!self)
         co_return;
-    if (m_pipeline->state().kind == PipelineState::Kind::error)
-        m_pipeline->platform().notifier->notify(QStringLiteral("Quorvane is not ready"), m_pipeline->state().message);
+    // Not the state: a dictation under way when preparation ended keeps its own.
+    const std::optional<QString> problem = m_pipeline->preparationProblem();
+    if (problem)
+        m_pipeline->platform().notifier->notify(QStringLiteral("Quorvane is not ready"), *problem);
     if (m_checks) {
-        const bool failed = m_pipeline->state().kind == PipelineState::Kind::error;
-        m_checks->facts().engine = failed ? SetupChecks::Engine::failed : SetupChecks::Engine::ready;
-        m_checks->facts().engineProblem = failed ? m_pipeline->state().message : QString();
+        m_checks->facts().engine = problem ? SetupChecks::Engine::failed : SetupChecks::Engine::ready;
+        m_checks->facts().engineProblem = problem.value_or(QString());
         m_checks->changed();
     }
 }
@@ -183,9 +184,9 @@ QCoro::Task<void> AppShell::checkEngine() {
     co_await m_pipeline->prepare();
     if (!self || !m_checks)
         co_return;
-    const bool failed = m_pipeline->state().kind == PipelineState::Kind::error;
-    m_checks->facts().engine = failed ? SetupChecks::Engine::failed : SetupChecks::Engine::ready;
-    m_checks->facts().engineProblem = failed ? m_pipeline->state().message : QString();
+    const std::optional<QString> problem = m_pipeline->preparationProblem();
+    m_checks->facts().engine = problem ? SetupChecks::Engine::failed : SetupChecks::Engine::ready;
+    m_checks->facts().engineProblem = problem.value_or(QString());
     m_checks->changed();
 }
 

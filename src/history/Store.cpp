@@ -21,16 +21,13 @@
 namespace {
 
 constexpr QFileDevice::Permissions ownerOnly = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
-constexpr qint64 pageSize = 4096;
 constexpr qint64 copyChunk = 1 << 20;
-// A full history sheds a sixteenth of each ceiling at once: one rewrite per 125 dictations at the
-// default 2,000 entries instead of one per dictation.
-constexpr qint64 pruneBatchDivisor = 16;
 
-// A write that stays inside one page reaches the file whole or not at all, even when the process is
-// killed during the call; a longer one can be cut at a page boundary, so it goes through a rewrite.
-bool staysInOnePage(qint64 offset, qint64 length) {
-    return (offset % pageSize) + length <= pageSize;
+// A full history sheds its oldest entries down to four fifths of each ceiling at once, so the next
+// few hundred dictations are plain appends (400 at the default 2,000 entries, about as many 4 KB
+// entries at 8 MiB) instead of one rewrite of the whole file each.
+qint64 pruneTarget(qint64 ceiling) {
+    return ceiling - ceiling / 5;
 }
 
 std::optional<Utterance> parseLine(const QByteArray &line) {
@@ -101,7 +98,9 @@ void Store::loadIndex() const {
     }
     m_index.bytes = lineStart;
     if (position > lineStart) {
-        // Left by a writer that was not this store: keep whole lines only.
+        // An append cut short by a kill (a write can stop at any page boundary) or a writer that
+        // was not this store: the unfinished line was never a stored entry, and the next append
+        // must not be glued to it.
         file.close();
         QFile::resize(historyPath(), lineStart);
         Log::warn(QStringLiteral("The history file ended with an incomplete line, which was dropped."));
@@ -114,16 +113,12 @@ void Store::appendLine(const QByteArray &line) {
     qint64 count = static_cast<qint64>(held) + 1;
     qint64 bytes = m_index.bytes + line.size();
     if (count <= m_limits.maxHistoryEntries && bytes <= m_limits.maxHistoryBytes) {
-        if (staysInOnePage(m_index.bytes, line.size()))
-            appendInPlace(line);
-        else
-            rewriteHistory(0, line);
+        appendInPlace(line);
         return;
     }
-    // Over a ceiling: a whole batch of the oldest goes at once, so that the appends that follow
-    // are plain appends rather than one rewrite of the whole file each.
-    const qint64 entryTarget = m_limits.maxHistoryEntries - m_limits.maxHistoryEntries / pruneBatchDivisor;
-    const qint64 byteTarget = m_limits.maxHistoryBytes - m_limits.maxHistoryBytes / pruneBatchDivisor;
+    // Over a ceiling: a whole batch of the oldest goes at once, through an atomic rewrite.
+    const qint64 entryTarget = pruneTarget(m_limits.maxHistoryEntries);
+    const qint64 byteTarget = pruneTarget(m_limits.maxHistoryBytes);
     size_t drop = 0;
     while (drop < held && (count > entryTarget || bytes > byteTarget)) {
         bytes -= m_index.lineSizes[drop++];

@@ -12,8 +12,9 @@
 
 // What the user chose to retain: the text history ("history.jsonl", newest last), the recordings
 // ("audio/<id>.wav") and the custom vocabulary ("vocabulary.txt"), all within fixed ceilings, oldest
-// out first. File work runs on the store's own serial queue; a process killed at any moment leaves
-// a history file of whole lines.
+// out first. File work runs on the store's own serial queue. A process killed at any moment loses at
+// most the entry it was appending: pruning replaces the file atomically, and an unfinished last line
+// is dropped when the file is next opened, before anything reads or appends.
 class Store {
 public:
     explicit Store(QString root, RetentionLimits limits = {});

@@ -141,6 +141,11 @@ QCoro::Task<void> Pipeline::prepare() {
         preparationLimitMs, [asr] { return asr->prepare(); }, m_scheduler);
     if (!self)
         co_return;
+    // A dictation under way keeps its state: it goes on with this engine, and if the engine fails it
+    // too, the run says so and holds what was said. Taking the state from it would drop its audio at
+    // key-up.
+    const bool busy =
+        m_state.kind == PipelineState::Kind::recording || m_state.kind == PipelineState::Kind::thinking || isStarting();
     if (outcome.timedOut()) {
         const qint64 seconds = preparationLimitMs / 1000;
         Log::error(
@@ -148,16 +153,20 @@ QCoro::Task<void> Pipeline::prepare() {
         Terminal::tell(QStringLiteral("The speech engine did not get ready within %1 s; Quorvane tries again at the "
                                       "first dictation.")
                            .arg(seconds));
-        setState(PipelineState::error(QStringLiteral("Speech model preparation timed out.")));
+        m_preparationProblem = QStringLiteral("Speech model preparation timed out.");
     } else if (outcome.error) {
         const QString description = describeError(outcome.error);
         Log::error(QStringLiteral("ASR unavailable: ") + description);
         Terminal::tell(description);
-        setState(PipelineState::error(description));
-    } else if (m_state.kind == PipelineState::Kind::error && !isStarting()) {
+        m_preparationProblem = description;
+    } else {
+        m_preparationProblem.reset();
         // A working engine clears the error an earlier preparation left on the icon.
-        setState(PipelineState::idle());
+        if (m_state.kind == PipelineState::Kind::error && !busy)
+            setState(PipelineState::idle());
     }
+    if (m_preparationProblem && !busy)
+        setState(PipelineState::error(*m_preparationProblem));
 
     co_await formatter->prepare();
     if (!self)

@@ -48,8 +48,11 @@ public:
     // From key-down until the capture has started (or failed).
     bool isStarting() const { return std::holds_alternative<Starting>(m_phase); }
 
-    // Readies the speech engine (within 30 s) and the formatter. Never throws: failures set the state.
+    // Readies the speech engine (within 30 s) and the formatter. Never throws: a failure sets the
+    // state, unless a dictation is under way, and is kept in preparationProblem().
     QCoro::Task<void> prepare();
+    // Why the last preparation of the speech engine failed; empty when it succeeded.
+    const std::optional<QString> &preparationProblem() const { return m_preparationProblem; }
     // New settings that may need another engine or formatter: saves them, rebuilds both, prepares.
     QCoro::Task<void> reload(Config config);
     // New settings that keep the engine and the formatter.
@@ -144,6 +147,7 @@ private:
     // The current or last utterance; work of an earlier one holds its own.
     std::shared_ptr<RunContext> m_run;
     std::shared_ptr<const HeldAudio> m_heldAudio;
+    std::optional<QString> m_preparationProblem;
     // Bumped by every start and cancel, so work of an earlier recording or run sees it is stale.
     quint64 m_runNumber = 0;
 };

@@ -5,6 +5,8 @@
 
 #include <QDir>
 #include <QDirIterator>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTest>
 #include <X11/Xlib.h>
 #include <X11/extensions/XRes.h>
@@ -106,6 +108,9 @@ private slots:
         m_ollama.setDefaultGenerate(FakeOllamaServer::generation(spoken));
         m_clip = m_folder.filePath("clip.wav");
         QVERIFY(speak("hello from the headless desktop", m_clip));
+        // Before the app, which looks for a tray only when it starts.
+        m_tray = std::make_unique<TrayHost>();
+        QVERIFY(m_tray->ready);
         m_target = std::make_unique<TargetWindow>();
         QVERIFY(m_target->ready);
         QVERIFY(m_target->focus("line"));
@@ -122,6 +127,9 @@ private slots:
 
     void cleanup() {
         runTool("xdotool", {"keyup", QString::number(rightAlt)});
+        m_whisper.setListening(true);
+        if (TrayHost::menuOpen())
+            xdotool({"key", "Escape"});
         if (m_xterm) {
             m_xterm->kill();
             m_xterm->waitForFinished();
@@ -241,6 +249,39 @@ private slots:
         QVERIFY2(match > 0.9, qPrintable(QString::number(match)));
     }
 
+    // Said while the recogniser was down, delivered once it is back: the user picks the retry from
+    // the tray menu, and the text lands where the focus is.
+    void retryFromTheTrayMenuDeliversADictationThatFailed() {
+        QVERIFY(m_target->focus("line"));
+        m_whisper.setListening(false);
+        holdAndSpeak();
+        QVERIFY(m_app->awaitLine("[ERROR] Transcription failed: ", m_from));
+        QVERIFY(m_app->awaitLine("[WARN] [Transcription failed]", m_from));
+        QVERIFY(m_app->awaitLine("The dictation is held", m_from));
+        QCOMPARE(m_target->text("line"), QString());
+
+        m_whisper.setListening(true);
+        const qsizetype uploads = m_whisper.inferenceRequests().size();
+        QVERIFY(m_tray->openMenu());
+        // The state and figures lines above it cannot be chosen: the first choice is the retry.
+        xdotool({"key", "Down"});
+        xdotool({"key", "Return"});
+        QVERIFY(m_app->awaitLine("Retrying the last dictation.", m_from));
+        QTRY_VERIFY_WITH_TIMEOUT(m_target->text("line").contains(spoken), 8000);
+        QCOMPARE(m_whisper.inferenceRequests().size(), uploads + 1);
+        QVERIFY(m_app->awaitLine("Dictation complete", m_from));
+        // Kept once, as the dictation it was, with the recording that was held.
+        QList<QJsonObject> entries;
+        QTRY_VERIFY_WITH_TIMEOUT(!(entries = historyEntries()).isEmpty() &&
+                                     entries.last().value("shippedText").toString().contains(spoken),
+                                 3000);
+        const QJsonObject kept = entries.last();
+        QCOMPARE(std::count_if(entries.cbegin(), entries.cend(),
+                               [&](const QJsonObject &e) { return e.value("id") == kept.value("id"); }),
+                 1);
+        QVERIFY(QFileInfo::exists(m_app->home() + "/audio/" + kept.value("audioFile").toString()));
+    }
+
     // Runs last, after the app has logged, kept history and recordings and rewritten its files.
     void everythingWrittenIsOwnerOnly() {
         QVERIFY(QFileInfo::exists(QDir(m_app->home()).filePath("history.jsonl")));
@@ -267,6 +308,13 @@ private:
         QFile file(path);
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
+    QList<QJsonObject> historyEntries() const {
+        QList<QJsonObject> entries;
+        for (const QByteArray &line : readFile(m_app->home() + "/history.jsonl").split('\n'))
+            if (!line.isEmpty())
+                entries.append(QJsonDocument::fromJson(line).object());
+        return entries;
+    }
 
     // Holds Right Alt over the whole clip and a little after it, as a speaker would.
     void holdAndSpeak() { QVERIFY(holdKeyAndSpeak(*m_app, rightAlt, "Recording started.", m_from, m_clip)); }
@@ -286,6 +334,7 @@ private:
     FakeWhisperServer m_whisper;
     FakeOllamaServer m_ollama;
     QString m_clip;
+    std::unique_ptr<TrayHost> m_tray;
     std::unique_ptr<TargetWindow> m_target;
     std::unique_ptr<DictationApp> m_app;
     std::unique_ptr<QProcess> m_xterm;

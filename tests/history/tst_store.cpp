@@ -10,6 +10,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 #include <cstdio>
+#include <sys/stat.h>
 
 static const char *const writerVariable = "QUORVANE_TEST_HISTORY_WRITER";
 
@@ -41,6 +42,11 @@ static QList<QByteArray> historyLines(const QString &root) {
         return {QByteArray("<fragment>")};
     lines.removeLast();
     return lines;
+}
+
+static ino_t inodeOf(const QString &path) {
+    struct stat status {};
+    return ::stat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_ino : 0;
 }
 
 static int mode(const QString &path) {
@@ -112,7 +118,7 @@ private slots:
         QTest::addColumn<int>("textLength");
         QTest::newRow("2001st entry") << qint64(2000) << qint64(8388608) << 2001 << 20;
         QTest::newRow("byte ceiling binds") << qint64(100) << qint64(5000) << 40 << 700;
-        QTest::newRow("long lines rewrite") << qint64(30) << qint64(1 << 20) << 45 << 5000;
+        QTest::newRow("lines longer than a page") << qint64(30) << qint64(1 << 20) << 45 << 5000;
         QTest::newRow("one entry") << qint64(1) << qint64(8388608) << 3 << 20;
         QTest::newRow("no entries") << qint64(0) << qint64(8388608) << 3 << 20;
     }
@@ -130,11 +136,11 @@ private slots:
         }
         store.drain();
         // The newest lines, within both ceilings; pruning in batches may keep fewer than fit, but never
-        // fewer than fit in seven eighths of each ceiling.
+        // fewer than fit in three quarters of each ceiling.
         qsizetype fitting = 0;
         qint64 fittingBytes = 0;
-        while (fitting < maxEntries * 7 / 8 &&
-               fittingBytes + written[written.size() - 1 - fitting].size() <= maxBytes * 7 / 8)
+        while (fitting < maxEntries * 3 / 4 &&
+               fittingBytes + written[written.size() - 1 - fitting].size() <= maxBytes * 3 / 4)
             fittingBytes += written[written.size() - 1 - fitting++].size();
         const QList<QByteArray> lines = historyLines(root());
         QVERIFY(lines.size() <= maxEntries);
@@ -151,33 +157,63 @@ private slots:
             QCOMPARE(mode(history()), 0x6000);
     }
 
+    // Once a ceiling is reached, pruning makes room for more than the one entry at hand: the appends
+    // that follow extend the same file instead of replacing it, whatever the entries' size.
+    void fullHistoryMostlyAppends_data() {
+        QTest::addColumn<qint64>("maxEntries");
+        QTest::addColumn<qint64>("maxBytes");
+        QTest::addColumn<int>("textLength");
+        QTest::newRow("short entries") << qint64(100) << qint64(8388608) << 20;
+        QTest::newRow("entries longer than a page") << qint64(20) << qint64(8388608) << 5000;
+        QTest::newRow("byte ceiling binds") << qint64(1000) << qint64(200000) << 5000;
+    }
     void fullHistoryMostlyAppends() {
-        Store store(root(), RetentionLimits{100, 8388608, 100, 1 << 20});
-        for (int i = 0; i < 101; ++i)
-            store.append(makeUtterance(QString::number(i), "text"));
-        store.drain();
-        // An open handle keeps seeing the file as long as it is appended to, not replaced.
-        QFile held(history());
-        QVERIFY(held.open(QIODevice::ReadOnly));
-        const qint64 before = held.size();
-        for (int i = 101; i < 105; ++i)
-            store.append(makeUtterance(QString::number(i), "text"));
-        store.drain();
-        QCOMPARE(held.readAll().size(), QFileInfo(history()).size());
-        QVERIFY(QFileInfo(history()).size() > before);
-        QVERIFY(store.totalCount() <= 100);
+        QFETCH(qint64, maxEntries);
+        QFETCH(qint64, maxBytes);
+        QFETCH(int, textLength);
+        Store store(root(), RetentionLimits{maxEntries, maxBytes, 100, 1 << 20});
+        int serial = 0;
+        auto next = [&] { return makeUtterance(QString::number(serial++), QString(textLength, QLatin1Char('a'))); };
+        // Fill until the first prune shrinks the file.
+        qint64 size = 0;
+        for (;;) {
+            store.append(next());
+            store.drain();
+            const qint64 now = QFileInfo(history()).size();
+            if (now < size)
+                break;
+            size = now;
+            QVERIFY(serial <= maxEntries + 1);
+        }
+        const ino_t inode = inodeOf(history());
+        // At least a tenth of each ceiling's worth of appends go to the end of the same file.
+        qint64 appendedBytes = 0;
+        for (int appended = 0;; ++appended) {
+            const Utterance u = next();
+            appendedBytes += line(u).size();
+            if (appended + 1 > maxEntries / 10 || appendedBytes > maxBytes / 10)
+                break;
+            size = QFileInfo(history()).size();
+            store.append(u);
+            store.drain();
+            QCOMPARE(inodeOf(history()), inode);
+            QCOMPARE(QFileInfo(history()).size(), size + line(u).size());
+        }
     }
 
     void failedWriteIsReported_data() {
         QTest::addColumn<int>("textLength");
-        QTest::newRow("append") << 20;
-        QTest::newRow("rewrite") << 5000;
+        QTest::addColumn<qint64>("maxEntries");
+        QTest::newRow("append") << 20 << qint64(2000);
+        QTest::newRow("append longer than a page") << 5000 << qint64(2000);
+        QTest::newRow("rewrite") << 20 << qint64(0);
     }
     void failedWriteIsReported() {
         QFETCH(int, textLength);
+        QFETCH(qint64, maxEntries);
         // A directory where the history file belongs: every way of writing it fails.
         QVERIFY(QDir(root()).mkdir(QStringLiteral("history.jsonl")));
-        Store store(root());
+        Store store(root(), RetentionLimits{maxEntries, 8388608, 100, 1 << 20});
         QStringList errors;
         Log::setObserver([&](const QString &level, const QString &message) {
             if (level == QLatin1String("ERROR"))
@@ -286,8 +322,9 @@ private slots:
     }
 
     void killDuringWrite() {
-        // Kills a writer at random moments and checks after each kill that the history is whole entries,
-        // in order, within the ceilings, holding every entry the writer saw finished.
+        // Kills a writer at random moments and checks after each kill that the history, once opened
+        // again, is whole entries, in order, within the ceilings, holding every entry the writer saw
+        // finished. What the kill may leave is one unfinished last line.
         QStringList previousIds;
         for (int run = 0; run < 25; ++run) {
             const QString runId = QStringLiteral("%1").arg(run, 3, 10, QLatin1Char('0'));
@@ -302,6 +339,7 @@ private slots:
             writer.kill();
             QVERIFY(writer.waitForFinished());
             const int lastSeen = writer.readAllStandardOutput().trimmed().split('\n').last().toInt();
+            (void)Store(root(), RetentionLimits{40, 48 * 1024, 100, 1 << 20}).totalCount();
 
             QStringList ids;
             for (const QByteArray &entry : historyLines(root())) {

@@ -87,6 +87,33 @@ private slots:
         QCOMPARE(audio.entryList({QStringLiteral("*.wav")}, QDir::Files).size(), retainAudio ? 1 : 0);
     }
 
+    // The server goes down while the engine is still being prepared and the user already speaks: the
+    // failed preparation must not take the recording's state, or key-up would find nothing to finish.
+    void aPreparationFailingDuringARecordingLeavesItToBeHeld() {
+        PipelineHarness h;
+        h.config.formatter = FormatterKind::none;
+        h.build();
+        QVERIFY(h.press(h.dictationKey));
+        h.whisper.setListening(false);
+        syncWait(h.pipeline->prepare());
+        QVERIFY(h.loggedStartingWith(QStringLiteral("ERROR ASR unavailable: ")));
+        QVERIFY(h.pipeline->preparationProblem());
+        QCOMPARE(h.kind(), Kind::recording);
+
+        h.capture->deliver(std::vector<float>(8000, 0.2f));
+        h.scheduler.advance(1200);
+        h.dictationKey.release();
+        QVERIFY(h.settle());
+        QCOMPARE(h.kind(), Kind::error);
+        QVERIFY(h.pipeline->canRetry());
+        h.whisper.setListening(true);
+        h.transcript(kRaw);
+        h.pipeline->retryLastDictation();
+        QVERIFY(h.settle());
+        QCOMPARE(samplesSent(h, 0), qsizetype(1600 + 8000));
+        QCOMPARE(h.injector->injected.size(), 1);
+    }
+
     // Only the last failure is held; a retry that fails again keeps it for the next try.
     void theLastFailedDictationIsHeld() {
         PipelineHarness h;

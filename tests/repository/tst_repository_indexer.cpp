@@ -55,6 +55,8 @@ private slots:
             QVERIFY(m_repo.write(path, "class LeakedSecret {}\n"));
         QVERIFY(TempGitRepository::writeFile(m_repo.scratch() + "/outside/Outside.swift", "class OutsideSecret {}\n"));
         QVERIFY(QFile::link("../outside/Outside.swift", m_repo.root() + "/Linked.swift"));
+        QVERIFY(QFile::link("Sources", m_repo.root() + "/Inside"));
+        QVERIFY(QFile::link("../outside", m_repo.root() + "/Outside"));
         m_repo.commitAll();
         QVERIFY(m_repo.write("Untracked.swift", "class NotTracked {}\n"));
     }
@@ -143,10 +145,17 @@ private slots:
     }
 
     // A listing handed in by the caller is used as given: paths Git would not list still go through
-    // the same filters.
+    // the same filters. Folders that are links count where they lead, inside the repository only.
+    void givenListingIsFiltered_data() {
+        QTest::addColumn<QStringList>("tracked");
+        QTest::newRow("odd paths") << QStringList{"Sources/Engine.swift", "/etc/passwd", "../outside/Outside.swift",
+                                                  "Linked.swift",         "native",      "missing.swift"};
+        // A NUL must not cut a name short into that of another file.
+        QTest::newRow("linked folders") << QStringList{u"Inside/Engine.swift\0.py"_s, "Inside/Engine.swift",
+                                                       "Outside/Outside.swift", "Sources/Engine.swift/x.swift"};
+    }
     void givenListingIsFiltered() {
-        const QStringList tracked{"Sources/Engine.swift", "/etc/passwd", "../outside/Outside.swift",
-                                  "Linked.swift",         "native",      "missing.swift"};
+        QFETCH(QStringList, tracked);
         const RepositoryContext context = indexed(m_repo.root(), {}, tracked);
         QCOMPARE(context.languages, QStringList{"Swift"});
         QCOMPARE(context.vocabulary, (QStringList{"AudioEngine", "startCapture", "total"}));
@@ -182,6 +191,8 @@ private slots:
             << "type 9Lives; type Caf\u00e9Menu; func \u00e9t\u00e9()" << QStringList{"Caf"};
         QTest::newRow("a keyword taken as the name is consumed")
             << "class struct Foo {}; def fn bar" << QStringList{"struct", "fn"};
+        QTest::newRow("each kind finds its own")
+            << "class def Foo; let fn longName" << QStringList{"def", "Foo", "longName"};
         QTest::newRow("longer keyword after a shorter prefix") << "function go() {}; funcs x" << QStringList{"go"};
         QTest::newRow("astral letter before the keyword") << "\U0001D400class A; \U0001F600class B" << QStringList{"B"};
     }

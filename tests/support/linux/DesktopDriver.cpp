@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QPoint>
 #include <QTest>
 
 ToolRun runTool(const QString &program, const QStringList &arguments, int timeoutMs) {
@@ -43,6 +44,52 @@ QList<std::pair<QByteArray, QByteArray>> clipboardFormats() {
     }
     std::sort(formats.begin(), formats.end());
     return formats;
+}
+
+namespace {
+
+// The first visible window titled exactly `title`, or empty.
+QString windowNamed(const QString &title) {
+    const ToolRun run = runTool("xdotool", {"search", "--onlyvisible", "--name", '^' + title + '$'});
+    return QString::fromLatin1(run.output).section('\n', 0, 0).trimmed();
+}
+
+QRect windowGeometry(const QString &window) {
+    const QString out = QString::fromLatin1(runTool("xwininfo", {"-id", window}).output);
+    const auto field = [&](const QString &name) {
+        const qsizetype at = out.indexOf(name);
+        return at < 0 ? -1 : out.mid(at + name.size()).section('\n', 0, 0).trimmed().toInt();
+    };
+    return {field("Absolute upper-left X:"), field("Absolute upper-left Y:"), field("Width:"), field("Height:")};
+}
+
+} // namespace
+
+TrayHost::TrayHost() {
+    m_process.start("trayer", {"--edge", "top", "--align", "right", "--widthtype", "request", "--height", "28",
+                               "--SetDockType", "true"});
+    ready = m_process.waitForStarted() &&
+            QTest::qWaitFor([&] { return !(m_panel = windowNamed("panel")).isEmpty(); }, 5000);
+}
+
+TrayHost::~TrayHost() {
+    m_process.terminate();
+    if (!m_process.waitForFinished(2000))
+        m_process.kill();
+}
+
+bool TrayHost::menuOpen() {
+    return !windowNamed("Quorvane Menu").isEmpty();
+}
+
+bool TrayHost::openMenu() {
+    // The panel grows from nothing to the icon's size once the icon docks.
+    QRect tray;
+    if (!QTest::qWaitFor([&] { return (tray = windowGeometry(m_panel)).width() >= 16; }, 20000))
+        return false;
+    const QPoint icon = tray.center();
+    runTool("xdotool", {"mousemove", QString::number(icon.x()), QString::number(icon.y()), "click", "1"});
+    return QTest::qWaitFor(menuOpen, 10000);
 }
 
 TargetWindow::TargetWindow(const QString &platform) {

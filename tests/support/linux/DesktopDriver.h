@@ -4,6 +4,7 @@
 #include <QHash>
 #include <QJsonObject>
 #include <QProcess>
+#include <QRect>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -26,6 +27,26 @@ qint64 activeProcess();
 bool awaitActive(qint64 pid);
 // Every format the clipboard offers, with its bytes; Xlib's bookkeeping targets left out.
 QList<std::pair<QByteArray, QByteArray>> clipboardFormats();
+
+// A system tray for the app's icon: trayer docked at the top right of the screen. Start it before
+// the app, which looks for a tray once, when it starts.
+class TrayHost {
+public:
+    TrayHost();
+    ~TrayHost();
+    TrayHost(const TrayHost &) = delete;
+    TrayHost &operator=(const TrayHost &) = delete;
+
+    bool ready = false;
+    // Clicks the docked icon (waiting for it to dock) and waits for the app's menu to open.
+    bool openMenu();
+    // Whether the app's menu is open.
+    static bool menuOpen();
+
+private:
+    QProcess m_process;
+    QString m_panel;
+};
 
 // The window of quorvane_target_window (its header comment lists the commands).
 class TargetWindow {
