@@ -14,6 +14,7 @@
 #include <QStringDecoder>
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -352,26 +353,33 @@ private:
         m_entries.clear();
         m_names.clear();
         m_listedAll = false;
-        alignas(dirent64) char buffer[32768];
+        m_listed = true;
+        // A duplicate, because closedir closes the descriptor it was given and ours stays in use.
+        const int listing = ::fcntl(m_folderFd, F_DUPFD_CLOEXEC, 0);
+        DIR *directory = listing >= 0 ? ::fdopendir(listing) : nullptr;
+        if (!directory) {
+            if (listing >= 0)
+                ::close(listing);
+            m_listed = false;
+            return;
+        }
+        ::rewinddir(directory);
         while (m_entries.size() < maxListedEntries) {
-            const ssize_t read = ::getdents64(m_folderFd, buffer, sizeof buffer);
-            if (read < 0)
-                return;
-            if (read == 0) {
-                m_listedAll = true;
+            errno = 0;
+            const dirent *entry = ::readdir(directory);
+            if (!entry) {
+                // An error part way leaves the listing unused: each name is then asked for itself.
+                m_listedAll = errno == 0;
+                m_listed = m_listedAll;
                 break;
             }
-            for (ssize_t at = 0; at < read;) {
-                const auto *entry = reinterpret_cast<const dirent64 *>(buffer + at);
-                const std::size_t length = std::strlen(entry->d_name);
-                m_entries.push_back({quint32(m_names.size()), quint32(length), entry->d_type});
-                m_names.append(entry->d_name, length);
-                at += entry->d_reclen;
-            }
+            const std::size_t length = std::strlen(entry->d_name);
+            m_entries.push_back({quint32(m_names.size()), quint32(length), entry->d_type});
+            m_names.append(entry->d_name, length);
         }
+        ::closedir(directory);
         std::sort(m_entries.begin(), m_entries.end(),
                   [this](const Entry &a, const Entry &b) { return nameOf(a) < nameOf(b); });
-        m_listed = true;
     }
 
     // A NUL would cut the name short where the file system reads it.
