@@ -70,6 +70,10 @@ bool PortalTextBackend::writeText(const QString &text) {
 
 void PortalTextBackend::writeClipboard(const ClipboardSnapshot &items) {
     if (!portalClipboard()) {
+        // XWayland's clipboard cannot be read back, so "nothing saved" means unknown rather than
+        // empty: the dictated text stays instead of leaving the clipboard blank.
+        if (!m_compositorHasClipboard && items.isEmpty())
+            return;
         m_compositor->writeClipboard(items);
         return;
     }
