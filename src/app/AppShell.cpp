@@ -160,6 +160,7 @@ void AppShell::recheck() {
     SetupChecks::Facts &facts = m_checks->facts();
     facts.sessionType = SetupChecks::sessionType();
     facts.sessionGaps = m_pipeline->platform().sessionGaps;
+    facts.pasteSetup = m_pipeline->platform().pasteSetup;
     facts.keySetup = m_pipeline->platform().keySetup;
     facts.trayHost = QSystemTrayIcon::isSystemTrayAvailable();
     facts.assistiveTechnology = SetupChecks::assistiveTechnologyEnabled();

@@ -29,17 +29,19 @@ Check session(const SetupChecks::Facts &facts) {
     if (facts.sessionType == QLatin1String("x11"))
         return passed(title, QStringLiteral("X11: Quorvane can watch its keys and paste on this desktop."));
     if (facts.sessionType == QLatin1String("wayland")) {
+        const QStringList setup = QStringList{facts.pasteSetup, facts.keySetup};
         if (!facts.sessionGaps.isEmpty())
-            return failed(title,
-                          QStringLiteral("Wayland: ") +
-                              (facts.sessionGaps + QStringList{facts.keySetup}).join(QLatin1Char(' ')).trimmed());
-        if (!facts.keySetup.isEmpty())
-            return passed(title, QStringLiteral("Wayland: Quorvane pastes through the compositor. ") + facts.keySetup);
-        return passed(title, QStringLiteral("Wayland: Quorvane pastes through the compositor. Bind each mode key in "
-                                            "your compositor to \u201Cquorvane key press dictate\u201D on press and "
-                                            "\u201Cquorvane key release dictate\u201D on release (edit and prompt "
-                                            "likewise); the README has the lines for sway, Hyprland, GNOME and "
-                                            "KDE."));
+            return failed(title, QStringLiteral("Wayland: ") +
+                                     (facts.sessionGaps + setup).join(QLatin1Char(' ')).simplified());
+        const QString paste =
+            facts.pasteSetup.isEmpty() ? QStringLiteral("Quorvane pastes through the compositor.") : facts.pasteSetup;
+        const QString keys =
+            !facts.keySetup.isEmpty()
+                ? facts.keySetup
+                : QStringLiteral("Bind each mode key in your compositor to \u201Cquorvane key press dictate\u201D on "
+                                 "press and \u201Cquorvane key release dictate\u201D on release (edit and prompt "
+                                 "likewise); the README has the lines for sway, Hyprland, GNOME and KDE.");
+        return passed(title, QStringLiteral("Wayland: ") + paste + QLatin1Char(' ') + keys);
     }
     return failed(title, QStringLiteral("No desktop session was found. Start Quorvane from inside an X11 or Wayland "
                                         "desktop session."));

@@ -39,6 +39,8 @@ public:
         QString sessionType;
         // What the session lacks, each with its next step (the platform kit's).
         QStringList sessionGaps;
+        // How text is pasted where the desktop must allow it (the platform kit's).
+        QString pasteSetup;
         // How the mode keys reach Quorvane and what the user does next (the platform kit's).
         QString keySetup;
         bool trayHost = false;

@@ -59,6 +59,9 @@ struct PlatformKit {
     std::function<QString(PushToTalkKey)> keyDisplayName;
     // What this desktop session lacks for dictation, one line each with the next step.
     QStringList sessionGaps;
+    // Where the desktop must allow the paste: which way is used and what the user does next. Empty
+    // where pasting needs no setup.
+    QString pasteSetup;
     // Where the desktop decides how the mode keys reach us: which way is used and what the user
     // does next. Empty where the keys need no setup.
     QString keySetup;

@@ -36,16 +36,21 @@ QStringList waylandGaps(const WaylandServices &services) {
         return {QStringLiteral("The Wayland compositor could not be reached (WAYLAND_DISPLAY is not a running "
                                "compositor's socket): start Quorvane from inside your desktop session.")};
     QStringList gaps;
-    if (!services.clipboardControl && !services.x11Clipboard)
-        gaps << QStringLiteral("The compositor offers no clipboard control (wlr data-control) and there is no "
-                               "XWayland to reach the clipboard through, so text cannot be put on the clipboard or "
-                               "pasted: use a wlroots compositor such as sway or Hyprland, or KDE Plasma 6.");
-    else if (!services.clipboardControl)
-        gaps << QStringLiteral("The compositor offers no clipboard control (wlr data-control), so text goes to the "
-                               "clipboard through XWayland and your earlier clipboard is not kept.");
-    if ((services.clipboardControl || services.x11Clipboard) && !services.virtualKeyboard)
-        gaps << QStringLiteral("The compositor offers no virtual keyboard, so text is left on the clipboard to paste "
-                               "by hand: use a wlroots compositor such as sway or Hyprland for typing.");
+    const bool clipboard = services.clipboardControl || services.portalClipboard || services.x11Clipboard;
+    if (!clipboard)
+        gaps << QStringLiteral("The compositor offers no clipboard control (wlr data-control), the desktop portal "
+                               "does not share the clipboard and there is no XWayland to reach it through, so text "
+                               "cannot be put on the clipboard or pasted: use a wlroots compositor such as sway or "
+                               "Hyprland, or KDE Plasma 6.");
+    else if (!services.clipboardControl && !services.portalClipboard)
+        gaps << QStringLiteral("The compositor offers no clipboard control (wlr data-control) and the desktop portal "
+                               "does not share the clipboard, so text goes to the clipboard through XWayland and your "
+                               "earlier clipboard is not kept.");
+    if (clipboard && !services.virtualKeyboard && !services.portalKeyboard)
+        gaps << QStringLiteral("The compositor offers no virtual keyboard and the desktop portal no remote desktop "
+                               "keyboard, so text is left on the clipboard to paste by hand: use a wlroots compositor "
+                               "such as sway or Hyprland, or install your desktop's xdg-desktop-portal backend "
+                               "(xdg-desktop-portal-gnome, xdg-desktop-portal-kde).");
     if (!services.windowTree)
         gaps << QStringLiteral("The application in front cannot be known (no sway IPC socket or Hyprland request "
                                "socket), so text is pasted without checking that the destination is unchanged: "

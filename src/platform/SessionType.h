@@ -24,6 +24,10 @@ struct WaylandServices {
     bool windowTree = false;
     // XWayland's CLIPBOARD, taken where there is no clipboard control.
     bool x11Clipboard = false;
+    // The desktop portal's remote desktop keyboard, and its clipboard, where the compositor keeps
+    // both to itself (GNOME, KDE Plasma).
+    bool portalKeyboard = false;
+    bool portalClipboard = false;
 };
 
 // One line for each missing piece, naming it and the next step; empty when nothing is missing.

@@ -68,6 +68,10 @@ private Q_SLOTS:
             f.sessionType = QStringLiteral("wayland");
             f.keySetup = QStringLiteral("Confirm the shortcuts when the desktop asks.");
         }) << "Supported session" << Status::passed << Action::none << "Confirm the shortcuts";
+        QTest::newRow("wayland, paste through the desktop portal") << false << workingBut([](Facts &f) {
+            f.sessionType = QStringLiteral("wayland");
+            f.pasteSetup = QStringLiteral("Allow the keyboard when the desktop asks.");
+        }) << "Supported session" << Status::passed << Action::none << "Allow the keyboard";
         QTest::newRow("wayland lacking a piece still says how the keys come") << false << workingBut([](Facts &f) {
             f.sessionType = QStringLiteral("wayland");
             f.sessionGaps = SessionType::waylandGaps({true, false, false, true});

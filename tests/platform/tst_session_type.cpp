@@ -58,6 +58,13 @@ private Q_SLOTS:
         QTest::newRow("no clipboard control") << Services{true, false, true, true} << QStringList{"no XWayland"};
         QTest::newRow("no clipboard control, XWayland's clipboard instead")
             << Services{true, false, false, true, true} << QStringList{"through XWayland", "no virtual keyboard"};
+        // GNOME and KDE: both through the desktop portal's remote desktop session.
+        QTest::newRow("portal keyboard and clipboard")
+            << Services{true, false, false, true, true, true, true} << QStringList{};
+        QTest::newRow("portal keyboard, clipboard through XWayland")
+            << Services{true, false, false, true, true, true, false} << QStringList{"through XWayland"};
+        QTest::newRow("portal keyboard, nowhere to put the text")
+            << Services{true, false, false, true, false, true, false} << QStringList{"no XWayland"};
         QTest::newRow("neither, and no window tree")
             << Services{true, false, false, false} << QStringList{"no XWayland", "no sway IPC socket or Hyprland"};
     }

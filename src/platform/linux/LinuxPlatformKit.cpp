@@ -1,6 +1,7 @@
 #include "platform/PlatformKitFactory.h"
 
 #include "core/Log.h"
+#include "core/Paths.h"
 #include "platform/FocusedDocumentSource.h"
 #include "platform/HotkeyBackend.h"
 #include "platform/PasteTextInjector.h"
@@ -21,6 +22,8 @@
 #include "platform/linux/X11FrontmostApp.h"
 #include "platform/linux/X11HotkeyBackend.h"
 #include "platform/linux/X11TextBackend.h"
+#include "platform/linux/wayland/PortalTextBackend.h"
+#include "platform/linux/wayland/RemoteDesktopSession.h"
 #include "platform/linux/wayland/WaylandKeys.h"
 #include "platform/linux/wayland/WaylandTextBackend.h"
 
@@ -82,18 +85,42 @@ void wireWayland(PlatformKit &kit) {
         const auto provider = weakFront.lock();
         return provider ? provider->frontmostApp().processID : std::nullopt;
     });
-    auto injector = std::make_shared<PasteTextInjector>(text);
+    SessionType::WaylandServices services = text->services();
+    services.windowTree = windowTree;
+    std::shared_ptr<DesktopTextBackend> backend = text;
+    QString paste = QStringLiteral("the compositor");
+    // GNOME and KDE give ordinary clients no virtual keyboard; their portal's remote desktop
+    // session sends the chord instead, and shares the clipboard where the compositor does not.
+    if (services.connected && !services.virtualKeyboard) {
+        const RemoteDesktopSession::Availability remote = RemoteDesktopSession::probe(QDBusConnection::sessionBus());
+        if (remote.keyboard) {
+            const bool portalClipboard = remote.clipboard && !services.clipboardControl;
+            auto session = std::make_shared<RemoteDesktopSession>(QDBusConnection::sessionBus(), portalClipboard,
+                                                                  Paths::file(QStringLiteral("remote-desktop.token")));
+            // Now rather than at the first paste, so the desktop's dialog does not come mid-dictation.
+            session->start();
+            backend = std::make_shared<PortalTextBackend>(session, text, services.clipboardControl, applicationID);
+            services.portalKeyboard = true;
+            services.portalClipboard = portalClipboard;
+            paste = portalClipboard ? QStringLiteral("the desktop portal's remote desktop (keyboard and clipboard)")
+                                    : QStringLiteral("the desktop portal's remote desktop (keyboard)");
+            kit.pasteSetup = QStringLiteral(
+                "Quorvane pastes through your desktop's remote desktop portal: allow it to control the keyboard when "
+                "the desktop asks (once; the permission is kept in Quorvane's data folder).");
+        } else {
+            paste = QStringLiteral("the compositor, since %1").arg(remote.problem);
+        }
+    }
+    auto injector = std::make_shared<PasteTextInjector>(backend);
     kit.injector = injector;
     kit.selectionEditor = injector;
 
-    SessionType::WaylandServices services = text->services();
-    services.windowTree = windowTree;
     kit.sessionGaps = SessionType::waylandGaps(services);
     const auto has = [](bool present) { return present ? QStringLiteral("yes") : QStringLiteral("no"); };
     Log::info(QStringLiteral("Wayland session: keys through %1, clipboard control %2, virtual keyboard %3, window "
-                             "tree %4, XWayland clipboard %5.")
+                             "tree %4, XWayland clipboard %5, paste through %6.")
                   .arg(keys.summary, has(services.clipboardControl), has(services.virtualKeyboard),
-                       has(services.windowTree), has(services.x11Clipboard)));
+                       has(services.windowTree), has(services.x11Clipboard), paste));
     for (const QString &gap : std::as_const(kit.sessionGaps))
         Log::warn(gap);
 }
