@@ -17,6 +17,7 @@
 
 #include <QApplication>
 #include <QCoreApplication>
+#include <csignal>
 #include <memory>
 
 namespace {
@@ -67,6 +68,9 @@ int runApplication(int argc, char **argv) {
 } // namespace
 
 int main(int argc, char **argv) {
+    // Clipboard data goes to other programs through pipes; one that closes its end early must cost
+    // that transfer, not the app.
+    std::signal(SIGPIPE, SIG_IGN);
     QStringList arguments;
     for (int i = 0; i < argc; ++i)
         arguments.append(QString::fromLocal8Bit(argv[i]));

@@ -1,6 +1,7 @@
 #include "platform/linux/HyprlandFrontmostApp.h"
 
 #include "core/Log.h"
+#include "platform/linux/FdTransfer.h"
 
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -13,47 +14,12 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = FdTransfer::Clock;
 
 // Asked before each paste: a compositor that does not answer quickly is treated as unknown.
 constexpr auto requestDeadline = std::chrono::milliseconds(500);
 // One window's description is well under a kilobyte.
 constexpr qsizetype maxReply = 1024 * 1024;
-
-int remainingMs(Clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left > 0 ? int(left) : 0;
-}
-
-bool sendAll(int fd, const QByteArray &data, Clock::time_point deadline) {
-    qsizetype sent = 0;
-    while (sent < data.size()) {
-        pollfd writable{fd, POLLOUT, 0};
-        if (poll(&writable, 1, remainingMs(deadline)) <= 0)
-            return false;
-        const ssize_t wrote = send(fd, data.constData() + sent, size_t(data.size() - sent), MSG_NOSIGNAL);
-        if (wrote <= 0)
-            return false;
-        sent += wrote;
-    }
-    return true;
-}
-
-std::optional<QByteArray> readToEnd(int fd, Clock::time_point deadline) {
-    QByteArray reply;
-    char buffer[4096];
-    for (;;) {
-        pollfd readable{fd, POLLIN, 0};
-        if (poll(&readable, 1, remainingMs(deadline)) <= 0)
-            return std::nullopt;
-        const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
-        if (got == 0)
-            return reply;
-        if (got < 0 || reply.size() + got > maxReply)
-            return std::nullopt;
-        reply.append(buffer, got);
-    }
-}
 
 } // namespace
 
@@ -83,8 +49,8 @@ std::optional<QByteArray> HyprlandFrontmostApp::request(const QString &socketPat
     const auto deadline = Clock::now() + requestDeadline;
     std::optional<QByteArray> reply;
     if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
-        sendAll(fd, command, deadline))
-        reply = readToEnd(fd, deadline);
+        FdTransfer::writeAll(fd, command, deadline))
+        reply = FdTransfer::readToEnd(fd, deadline, maxReply);
     close(fd);
     return reply;
 }

@@ -1,6 +1,7 @@
 #include "platform/linux/wayland/RemoteDesktopSession.h"
 
 #include "core/Log.h"
+#include "platform/linux/FdTransfer.h"
 #include "platform/linux/wayland/PortalRequest.h"
 
 #include <QDBusMessage>
@@ -18,7 +19,7 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = FdTransfer::Clock;
 
 const QString sessionInterface = QStringLiteral("org.freedesktop.portal.Session");
 constexpr uint keyboardDevice = 1;
@@ -32,51 +33,6 @@ constexpr auto snapshotDeadline = std::chrono::milliseconds(300);
 constexpr int sendDeadlineMs = 2000;
 // A paste of a huge image is not worth holding on to.
 constexpr qsizetype maxSnapshotBytes = 64 * 1024 * 1024;
-
-int remainingMs(Clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left > 0 ? int(left) : 0;
-}
-
-// Reads a pipe to its end; nullopt when the deadline passes first.
-std::optional<QByteArray> readAll(int fd, Clock::time_point deadline) {
-    QByteArray data;
-    char buffer[65536];
-    for (;;) {
-        pollfd readable{fd, POLLIN, 0};
-        if (poll(&readable, 1, remainingMs(deadline)) <= 0)
-            return std::nullopt;
-        const ssize_t got = read(fd, buffer, sizeof buffer);
-        if (got == 0)
-            return data;
-        if (got < 0) {
-            if (errno == EINTR || errno == EAGAIN)
-                continue;
-            return std::nullopt;
-        }
-        data.append(buffer, got);
-        if (data.size() > maxSnapshotBytes)
-            return std::nullopt;
-    }
-}
-
-// Writes everything unless the reader stalls; closes the fd.
-bool writeAll(int fd, const QByteArray &data) {
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-    qsizetype sent = 0;
-    while (sent < data.size()) {
-        pollfd writable{fd, POLLOUT, 0};
-        if (poll(&writable, 1, sendDeadlineMs) <= 0)
-            break;
-        const ssize_t wrote = write(fd, data.constData() + sent, size_t(data.size() - sent));
-        if (wrote < 0 && errno != EINTR && errno != EAGAIN)
-            break;
-        if (wrote > 0)
-            sent += wrote;
-    }
-    close(fd);
-    return sent == data.size();
-}
 
 QString errorProblem(const QDBusMessage &reply) {
     const QString error = reply.errorName();
@@ -342,13 +298,13 @@ std::optional<DesktopTextBackend::ClipboardItem> RemoteDesktopSession::readClipb
     const auto deadline = Clock::now() + snapshotDeadline;
     for (const QString &type : std::as_const(m_foreignTypes)) {
         const QDBusMessage reply = m_bus.call(sessionCall(clipboardInterface, QStringLiteral("SelectionRead")) << type,
-                                              QDBus::Block, std::max(remainingMs(deadline), 1));
+                                              QDBus::Block, std::max(FdTransfer::remainingMs(deadline), 1));
         if (reply.type() != QDBusMessage::ReplyMessage)
             return std::nullopt;
         const QDBusUnixFileDescriptor fd = reply.arguments().value(0).value<QDBusUnixFileDescriptor>();
         if (!fd.isValid())
             return std::nullopt;
-        const std::optional<QByteArray> data = readAll(fd.fileDescriptor(), deadline);
+        const std::optional<QByteArray> data = FdTransfer::readToEnd(fd.fileDescriptor(), deadline, maxSnapshotBytes);
         if (!data)
             return std::nullopt;
         item.append({type, *data});
@@ -384,18 +340,19 @@ void RemoteDesktopSession::onSelectionTransfer(const QDBusObjectPath &session, c
     }
     auto *watcher = new QDBusPendingCallWatcher(
         m_bus.asyncCall(sessionCall(clipboardInterface, QStringLiteral("SelectionWrite")) << serial), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this,
-            [done, bytes = found->second](QDBusPendingCallWatcher *finished) {
-                finished->deleteLater();
-                const QDBusPendingReply<QDBusUnixFileDescriptor> reply = *finished;
-                const int fd = reply.isValid() ? dup(reply.value().fileDescriptor()) : -1;
-                if (fd < 0) {
-                    done(false);
-                    return;
-                }
-                // Off the main thread, so a reader taking its time never blocks us.
-                std::thread([fd, bytes, done] { done(writeAll(fd, bytes)); }).detach();
-            });
+    connect(
+        watcher, &QDBusPendingCallWatcher::finished, this,
+        [done, bytes = found->second](QDBusPendingCallWatcher *finished) {
+            finished->deleteLater();
+            const QDBusPendingReply<QDBusUnixFileDescriptor> reply = *finished;
+            const int fd = reply.isValid() ? dup(reply.value().fileDescriptor()) : -1;
+            if (fd < 0) {
+                done(false);
+                return;
+            }
+            // Off the main thread, so a reader taking its time never blocks us.
+            std::thread([fd, bytes, done] { done(FdTransfer::writeAllAndClose(fd, bytes, sendDeadlineMs)); }).detach();
+        });
 }
 
 QString RemoteDesktopSession::readToken() const {

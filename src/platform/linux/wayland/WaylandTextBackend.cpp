@@ -2,6 +2,7 @@
 
 #include "core/Log.h"
 #include "platform/linux/AtspiFocus.h"
+#include "platform/linux/FdTransfer.h"
 #include "platform/linux/PasteChord.h"
 #include "platform/linux/X11ClipboardOwner.h"
 
@@ -22,7 +23,7 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = FdTransfer::Clock;
 
 // A clipboard owner that hangs must not stall the paste; a healthy one answers in a few ms.
 constexpr auto snapshotDeadline = std::chrono::milliseconds(300);
@@ -31,51 +32,9 @@ constexpr int sendDeadlineMs = 2000;
 // A paste of a huge image is not worth holding on to.
 constexpr qsizetype maxSnapshotBytes = 64 * 1024 * 1024;
 
-int remainingMs(Clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left > 0 ? int(left) : 0;
-}
-
-// Reads a pipe to its end; nullopt when the deadline passes first.
-std::optional<QByteArray> readAll(int fd, Clock::time_point deadline) {
-    QByteArray data;
-    char buffer[65536];
-    for (;;) {
-        pollfd readable{fd, POLLIN, 0};
-        const int ready = poll(&readable, 1, remainingMs(deadline));
-        if (ready <= 0)
-            return std::nullopt;
-        const ssize_t got = read(fd, buffer, sizeof buffer);
-        if (got == 0)
-            return data;
-        if (got < 0) {
-            if (errno == EINTR || errno == EAGAIN)
-                continue;
-            return std::nullopt;
-        }
-        data.append(buffer, got);
-        if (data.size() > maxSnapshotBytes)
-            return std::nullopt;
-    }
-}
-
 // Off the main thread, so a reader taking its time never blocks us; the fd is ours to close.
 void sendInBackground(int fd, QByteArray data) {
-    std::thread([fd, data = std::move(data)] {
-        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-        qsizetype sent = 0;
-        while (sent < data.size()) {
-            pollfd writable{fd, POLLOUT, 0};
-            if (poll(&writable, 1, sendDeadlineMs) <= 0)
-                break;
-            const ssize_t wrote = write(fd, data.constData() + sent, size_t(data.size() - sent));
-            if (wrote < 0 && errno != EINTR && errno != EAGAIN)
-                break;
-            if (wrote > 0)
-                sent += wrote;
-        }
-        close(fd);
-    }).detach();
+    std::thread([fd, data = std::move(data)] { FdTransfer::writeAllAndClose(fd, data, sendDeadlineMs); }).detach();
 }
 
 } // namespace
@@ -310,7 +269,7 @@ std::optional<DesktopTextBackend::ClipboardItem> WaylandTextBackend::State::read
         zwlr_data_control_offer_v1_receive(offer, type.toUtf8().constData(), fds[1]);
         wl_display_flush(display);
         close(fds[1]);
-        const std::optional<QByteArray> data = readAll(fds[0], deadline);
+        const std::optional<QByteArray> data = FdTransfer::readToEnd(fds[0], deadline, maxSnapshotBytes);
         close(fds[0]);
         if (!data)
             return std::nullopt;
