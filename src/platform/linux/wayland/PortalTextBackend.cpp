@@ -46,12 +46,20 @@ std::unique_ptr<FocusedElement> PortalTextBackend::focusedElement() {
 }
 
 DesktopTextBackend::ClipboardSnapshot PortalTextBackend::readClipboard() {
+    m_keepTextAfterPaste = false;
     if (!portalClipboard())
         return m_compositor->readClipboard();
+    if (!m_session->knowsClipboard()) {
+        m_keepTextAfterPaste = true;
+        Log::warn(QStringLiteral("The desktop has not said what is on your clipboard yet, so it cannot be saved; the "
+                                 "dictated text stays on the clipboard after the paste."));
+        return {};
+    }
     const std::optional<ClipboardItem> item = m_session->readClipboard();
     if (!item) {
-        Log::warn(QStringLiteral("The clipboard's owner did not answer within 300 ms; its content cannot be saved and "
-                                 "will not come back after the paste."));
+        m_keepTextAfterPaste = true;
+        Log::warn(QStringLiteral("The clipboard's owner did not answer within 300 ms; its content cannot be saved, and "
+                                 "the dictated text stays on the clipboard after the paste."));
         return {};
     }
     if (item->isEmpty())
@@ -77,6 +85,8 @@ void PortalTextBackend::writeClipboard(const ClipboardSnapshot &items) {
         m_compositor->writeClipboard(items);
         return;
     }
+    if (items.isEmpty() && m_keepTextAfterPaste)
+        return;
     // The portal's clipboard is one item; should several come, the first to name a format wins.
     ClipboardItem merged;
     for (const ClipboardItem &item : items)

@@ -42,4 +42,7 @@ private:
     const std::shared_ptr<DesktopTextBackend> m_compositor;
     const bool m_compositorHasClipboard;
     DestinationID m_destination;
+    // The last snapshot is not the user's clipboard but a guess of "empty": putting it back would
+    // only clear the dictated text, so it is left instead.
+    bool m_keepTextAfterPaste = false;
 };

@@ -315,6 +315,7 @@ std::optional<DesktopTextBackend::ClipboardItem> RemoteDesktopSession::readClipb
 void RemoteDesktopSession::onSelectionOwnerChanged(const QDBusObjectPath &session, const QVariantMap &options) {
     if (session.path() != m_sessionPath)
         return;
+    m_ownerAnnounced = true;
     if (options.value(QStringLiteral("session_is_owner")).toBool())
         return;
     m_owner = false;

@@ -61,6 +61,9 @@ public:
     // Every format of the clipboard as another application put it there; nullopt when an owner
     // does not hand over all of it within the deadline.
     std::optional<DesktopTextBackend::ClipboardItem> readClipboard();
+    // Whether the desktop has said what the clipboard holds, or we put it there: until then an empty
+    // answer may just as well be a clipboard we were never told about.
+    bool knowsClipboard() const { return m_owner || m_ownerAnnounced; }
     // Moves when another application takes the clipboard; our own offers do not move it.
     qint64 changeCount() const { return m_changeCount; }
 
@@ -93,5 +96,6 @@ private:
     DesktopTextBackend::ClipboardItem m_offered;
     // The formats the clipboard's current owner offers, when another application owns it.
     QStringList m_foreignTypes;
+    bool m_ownerAnnounced = false;
     qint64 m_changeCount = 0;
 };
