@@ -3,6 +3,7 @@
 #include "core/Text.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -24,19 +25,56 @@ bool PasteTextInjector::isSecure(const QStringList &roles) {
     return false;
 }
 
+void PasteTextInjector::prepareInjection() {
+    m_early.reset();
+    if (!m_backend->confirmsEarlyReads() || !m_backend->isTrusted())
+        return;
+    EarlyReads early;
+    early.takenAt = m_scheduler.nowMs();
+    // The window first: a focus move during the slow lookup then shows as a different window.
+    early.window = m_backend->focusedWindow();
+    early.element = m_backend->focusedElement();
+    early.secure = early.element && isSecure(early.element->roles());
+    // A secure field gets nothing, so its paste never needs the clipboard.
+    if (!early.secure) {
+        early.changeCount = m_backend->changeCount();
+        early.snapshot = m_backend->readClipboard();
+    }
+    m_early = std::move(early);
+}
+
+// The early answer stands only while the same window has the focus and the same element in it:
+// a password field focused since is always looked up, never assumed.
+bool PasteTextInjector::focusIsSecure(const std::optional<EarlyReads> &early) {
+    if (early && early->element && m_backend->focusedWindow() == early->window && early->element->stillFocused())
+        return early->secure;
+    // An application that exposes no focused element still gets the text.
+    const std::unique_ptr<FocusedElement> element = m_backend->focusedElement();
+    return element && isSecure(element->roles());
+}
+
+// A write since the early snapshot, ours (a restore) or anyone's, means it no longer holds.
+DesktopTextBackend::ClipboardSnapshot PasteTextInjector::clipboardSnapshot(std::optional<EarlyReads> &early) {
+    if (early && !early->secure && m_backend->changeCount() == early->changeCount)
+        return std::exchange(early->snapshot, {});
+    return m_backend->readClipboard();
+}
+
 void PasteTextInjector::inject(const QString &text) {
     if (text.isEmpty())
         return;
+    // Taken whatever happens: early reads serve one paste at most.
+    std::optional<EarlyReads> early = std::exchange(m_early, std::nullopt);
+    if (early && m_scheduler.nowMs() - early->takenAt > earlyReadLifetimeMs)
+        early.reset();
     if (!m_backend->isTrusted())
         throw QuorvaneError(QuorvaneError::Case::accessibilityDenied);
-    // An application that exposes no focused element still gets the text.
-    if (const std::unique_ptr<FocusedElement> element = m_backend->focusedElement();
-        element && isSecure(element->roles()))
+    if (focusIsSecure(early))
         throw QuorvaneError(QuorvaneError::Case::secureTextSelected);
 
     // A paste within 0.35 s of the last one snapshots our own earlier text: the earlier restore is
     // skipped (the count moved) and this snapshot, holding that text, is what comes back.
-    DesktopTextBackend::ClipboardSnapshot snapshot = m_backend->readClipboard();
+    DesktopTextBackend::ClipboardSnapshot snapshot = clipboardSnapshot(early);
 
     if (!m_backend->writeText(text))
         throw QuorvaneError::injectionFailed(QStringLiteral("could not write to the pasteboard"));
