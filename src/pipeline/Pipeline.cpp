@@ -472,6 +472,10 @@ void Pipeline::finish(std::optional<PipelineMode> expectedMode) {
     Timings timings;
     timings.recordingMS = held;
     detach(runGuarded(currentRun(), timings), logTaskFailure);
+    // The paste's slow reads (the focused field, the clipboard) overlap the engine's work, unless
+    // the run has already ended.
+    if (m_state.kind == PipelineState::Kind::thinking)
+        m_platform.injector->prepareInjection();
 }
 
 void Pipeline::bindHotkey(GlobalHotkey &hotkey, PipelineMode mode) {

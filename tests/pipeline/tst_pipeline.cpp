@@ -54,6 +54,7 @@ private slots:
         QTest::qWait(20);
         QVERIFY(h.whisper.inferenceRequests().isEmpty());
         QVERIFY(h.injector->injected.isEmpty());
+        QCOMPARE(h.injector->prepares, 0);
         QVERIFY(!h.capture->isCapturing());
     }
 
@@ -114,6 +115,9 @@ private slots:
         h.dictationKey.release();
         QVERIFY(h.modelAsked());
         QCOMPARE(h.kind(), Kind::thinking);
+        // The paste's reads start while the engine is still at work.
+        QCOMPARE(h.injector->prepares, 1);
+        QVERIFY(h.injector->injected.isEmpty());
         // A second key-down while thinking starts nothing.
         h.dictationKey.press();
         h.editKey.press();

@@ -17,10 +17,12 @@ public:
         injected.append(text);
     }
     void copyToClipboard(const QString &text) override { clipboard = text; }
+    void prepareInjection() override { ++prepares; }
     void failNextInjection(const QuorvaneError &error) { m_failure = error; }
 
     QStringList injected;
     std::optional<QString> clipboard;
+    int prepares = 0;
 
 private:
     std::optional<QuorvaneError> m_failure;

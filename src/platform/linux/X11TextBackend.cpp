@@ -11,6 +11,7 @@
 #include <QGuiApplication>
 #include <QMimeData>
 #include <QWindow>
+#include <QtGui/qguiapplication_platform.h>
 #include <algorithm>
 #include <chrono>
 #include <poll.h>
@@ -21,6 +22,7 @@
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
+#include <X11/extensions/Xfixes.h>
 #include <X11/keysym.h>
 #include <xcb/xcb.h>
 
@@ -114,7 +116,7 @@ private:
 X11TextBackend::X11TextBackend() {
     if (QClipboard *clipboard = QGuiApplication::clipboard())
         m_changed = QObject::connect(clipboard, &QClipboard::changed, [this](QClipboard::Mode mode) {
-            if (mode == QClipboard::Clipboard && !m_writing)
+            if (mode == QClipboard::Clipboard && !m_writing && m_fixesEvent < 0)
                 ++m_changeCount;
         });
 }
@@ -160,8 +162,43 @@ _XDisplay *X11TextBackend::display() {
     if (!m_display) {
         X11Errors::installTolerantHandler();
         m_display = XOpenDisplay(nullptr);
+        int fixesEvent = 0, fixesError = 0;
+        const auto *qt = qGuiApp ? qGuiApp->nativeInterface<QNativeInterface::QX11Application>() : nullptr;
+        if (m_display && qt && qt->connection() && XFixesQueryExtension(m_display, &fixesEvent, &fixesError)) {
+            const xcb_setup_t *setup = xcb_get_setup(qt->connection());
+            m_qtIdBase = setup->resource_id_base;
+            m_qtIdMask = setup->resource_id_mask;
+            XFixesSelectSelectionInput(m_display, DefaultRootWindow(m_display),
+                                       XInternAtom(m_display, "CLIPBOARD", False),
+                                       XFixesSetSelectionOwnerNotifyMask | XFixesSelectionWindowDestroyNotifyMask |
+                                           XFixesSelectionClientCloseNotifyMask);
+            XSync(m_display, False);
+            m_fixesEvent = fixesEvent + XFixesSelectionNotify;
+        }
     }
     return m_display;
+}
+
+bool X11TextBackend::isQtWindow(unsigned long window) const {
+    return window != None && (window & ~Window(m_qtIdMask)) == m_qtIdBase;
+}
+
+// Every owner change the server made before this call, so the count is current when it returns.
+void X11TextBackend::countOwnerChanges() {
+    if (!display() || m_fixesEvent < 0)
+        return;
+    XSync(m_display, False);
+    XEvent event;
+    while (XCheckTypedEvent(m_display, m_fixesEvent, &event)) {
+        const auto &notice = reinterpret_cast<const XFixesSelectionNotifyEvent &>(event);
+        if (isQtWindow(notice.owner))
+            continue;
+        if (notice.owner == None && notice.subtype == XFixesSetSelectionOwnerNotify && m_ownClears > 0) {
+            --m_ownClears;
+            continue;
+        }
+        ++m_changeCount;
+    }
 }
 
 bool X11TextBackend::isTrusted() {
@@ -255,6 +292,9 @@ void X11TextBackend::writeClipboard(const ClipboardSnapshot &items) {
     refreshQtServerTime();
     m_writing = true;
     if (items.isEmpty()) {
+        // Only a clear that gave up ownership leaves a notice behind.
+        if (m_fixesEvent >= 0 && clipboard->ownsClipboard())
+            ++m_ownClears;
         clipboard->clear(QClipboard::Clipboard);
     } else {
         // The X11 clipboard holds one item; should several come, the first to name a format wins.
@@ -270,7 +310,17 @@ void X11TextBackend::writeClipboard(const ClipboardSnapshot &items) {
 }
 
 qint64 X11TextBackend::changeCount() {
+    countOwnerChanges();
     return m_changeCount;
+}
+
+bool X11TextBackend::confirmsEarlyReads() {
+    return display() && m_fixesEvent >= 0;
+}
+
+qint64 X11TextBackend::focusedWindow() {
+    Display *x = display();
+    return x ? qint64(X11Windows::activeWindow(x)) : 0;
 }
 
 PasteChord X11TextBackend::chordForActiveWindow() {

@@ -27,9 +27,13 @@ public:
     void writeClipboard(const ClipboardSnapshot &items) override;
     qint64 changeCount() override;
     bool postPasteChord() override;
+    bool confirmsEarlyReads() override;
+    qint64 focusedWindow() override;
 
 private:
     _XDisplay *display();
+    void countOwnerChanges();
+    bool isQtWindow(unsigned long window) const;
     bool clipboardOwnerAnswers();
     PasteChord chordForActiveWindow();
     void refreshQtServerTime();
@@ -39,6 +43,13 @@ private:
     // A spare keycode given the Latin v for layouts that have none; given back on destruction.
     unsigned char m_borrowedKeycode = 0;
     qint64 m_changeCount = 0;
+    // CLIPBOARD's owner changes reach our own connection through XFixes, which a round trip to
+    // the server brings up to date; -1 without the extension, and Qt's notices count instead.
+    int m_fixesEvent = -1;
+    // Qt's connection's window ids, to tell its claims (our writes, counted where they happen).
+    quint32 m_qtIdBase = 0, m_qtIdMask = 0;
+    // Clearing leaves no owner to recognise: the notices of our own clears, yet to arrive.
+    int m_ownClears = 0;
     // Our own writes are counted where they happen; Qt's notice of them must not count twice.
     bool m_writing = false;
     QMetaObject::Connection m_changed;
