@@ -26,55 +26,59 @@ bool PasteTextInjector::isSecure(const QStringList &roles) {
 }
 
 void PasteTextInjector::prepareInjection() {
-    m_early.reset();
-    if (!m_backend->confirmsEarlyReads() || !m_backend->isTrusted())
-        return;
-    EarlyReads early;
-    early.takenAt = m_scheduler.nowMs();
-    // The window first: a focus move during the slow lookup then shows as a different window.
-    early.window = m_backend->focusedWindow();
-    early.element = m_backend->focusedElement();
-    early.secure = early.element && isSecure(early.element->roles());
-    // A secure field gets nothing, so its paste never needs the clipboard.
-    if (!early.secure) {
-        early.changeCount = m_backend->changeCount();
-        early.snapshot = m_backend->readClipboard();
+    std::optional<EarlyReads> early = takeEarlyReads();
+    if (m_backend->confirmsEarlyReads() && m_backend->isTrusted())
+        m_early = currentReads(std::move(early));
+}
+
+// Early reads serve one paste at most, and only while fresh.
+std::optional<PasteTextInjector::EarlyReads> PasteTextInjector::takeEarlyReads() {
+    std::optional<EarlyReads> early = std::exchange(m_early, std::nullopt);
+    if (early && m_scheduler.nowMs() - early->takenAt > earlyReadLifetimeMs)
+        early.reset();
+    return early;
+}
+
+// What `early` read that still holds, and fresh reads for the rest. The focused element's answer
+// stands only while the same window has the focus and the same element in it, so a password field
+// focused since is always looked up, never assumed; the snapshot only while nobody (a restore of
+// ours included) has written the clipboard since.
+PasteTextInjector::EarlyReads PasteTextInjector::currentReads(std::optional<EarlyReads> early) {
+    EarlyReads reads;
+    reads.takenAt = m_scheduler.nowMs();
+    // The window first: a focus move during a slow lookup then shows as a different window.
+    reads.window = m_backend->focusedWindow();
+    if (early && early->element && reads.window == early->window && early->element->stillFocused()) {
+        reads.element = std::move(early->element);
+        reads.secure = early->secure;
+    } else {
+        // An application that exposes no focused element still gets the text.
+        reads.element = m_backend->focusedElement();
+        reads.secure = reads.element && isSecure(reads.element->roles());
     }
-    m_early = std::move(early);
-}
-
-// The early answer stands only while the same window has the focus and the same element in it:
-// a password field focused since is always looked up, never assumed.
-bool PasteTextInjector::focusIsSecure(const std::optional<EarlyReads> &early) {
-    if (early && early->element && m_backend->focusedWindow() == early->window && early->element->stillFocused())
-        return early->secure;
-    // An application that exposes no focused element still gets the text.
-    const std::unique_ptr<FocusedElement> element = m_backend->focusedElement();
-    return element && isSecure(element->roles());
-}
-
-// A write since the early snapshot, ours (a restore) or anyone's, means it no longer holds.
-DesktopTextBackend::ClipboardSnapshot PasteTextInjector::clipboardSnapshot(std::optional<EarlyReads> &early) {
-    if (early && !early->secure && m_backend->changeCount() == early->changeCount)
-        return std::exchange(early->snapshot, {});
-    return m_backend->readClipboard();
+    // A secure field gets nothing, so its paste never needs the clipboard.
+    if (reads.secure)
+        return reads;
+    reads.changeCount = m_backend->changeCount();
+    if (early && !early->secure && reads.changeCount == early->changeCount)
+        reads.snapshot = std::move(early->snapshot);
+    else
+        reads.snapshot = m_backend->readClipboard();
+    return reads;
 }
 
 void PasteTextInjector::inject(const QString &text) {
     if (text.isEmpty())
         return;
-    // Taken whatever happens: early reads serve one paste at most.
-    std::optional<EarlyReads> early = std::exchange(m_early, std::nullopt);
-    if (early && m_scheduler.nowMs() - early->takenAt > earlyReadLifetimeMs)
-        early.reset();
+    std::optional<EarlyReads> early = takeEarlyReads();
     if (!m_backend->isTrusted())
         throw QuorvaneError(QuorvaneError::Case::accessibilityDenied);
-    if (focusIsSecure(early))
+    EarlyReads reads = currentReads(std::move(early));
+    if (reads.secure)
         throw QuorvaneError(QuorvaneError::Case::secureTextSelected);
-
     // A paste within 0.35 s of the last one snapshots our own earlier text: the earlier restore is
     // skipped (the count moved) and this snapshot, holding that text, is what comes back.
-    DesktopTextBackend::ClipboardSnapshot snapshot = clipboardSnapshot(early);
+    DesktopTextBackend::ClipboardSnapshot snapshot = std::move(reads.snapshot);
 
     if (!m_backend->writeText(text))
         throw QuorvaneError::injectionFailed(QStringLiteral("could not write to the pasteboard"));

@@ -21,7 +21,7 @@ public:
 
     void inject(const QString &text) override;
     // Reads the focused element and snapshots the clipboard now, where the backend can later tell
-    // cheaply whether either moved; the next paste reuses what still holds.
+    // cheaply whether either moved; the next paste, or the next call, reuses what still holds.
     void prepareInjection() override;
     void copyToClipboard(const QString &text) override;
     SelectedTextSnapshot captureSelection() override;
@@ -41,8 +41,8 @@ private:
         qint64 changeCount = 0;
     };
 
-    bool focusIsSecure(const std::optional<EarlyReads> &early);
-    DesktopTextBackend::ClipboardSnapshot clipboardSnapshot(std::optional<EarlyReads> &early);
+    std::optional<EarlyReads> takeEarlyReads();
+    EarlyReads currentReads(std::optional<EarlyReads> early);
 
     struct PendingRestore {
         DesktopTextBackend::ClipboardSnapshot snapshot;

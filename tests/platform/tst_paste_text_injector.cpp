@@ -241,6 +241,10 @@ private slots:
         QTest::newRow("nothing focused early") << QStringList{} << "" << password << 2 << 1 << secure << rich;
         QTest::newRow("backend cannot confirm") << plain << "unconfirmed" << password << 1 << 0 << secure << rich;
         QTest::newRow("read too long ago") << plain << "wait" << plain << 2 << 2 << -1 << rich;
+        // Reads brought up to date again keep what still holds and serve the paste.
+        QTest::newRow("prepared again") << plain << "again" << plain << 1 << 1 << -1 << rich;
+        QTest::newRow("copied, prepared again") << plain << "copy, again" << plain << 1 << 2 << -1 << mine;
+        QTest::newRow("focus moved, prepared again") << plain << "focus, again" << password << 2 << 1 << secure << rich;
     }
     void earlyReadsStandUntilSomethingMoves() {
         QFETCH(QStringList, earlyRoles);
@@ -267,16 +271,20 @@ private slots:
         injector.prepareInjection();
         backend->element = Element{};
         backend->element->roles = rolesNow;
-        if (meanwhile == "copy")
+        if (meanwhile.startsWith("copy"))
             backend->copyElsewhere(ScriptedTextBackend::plainText("mine"));
         if (meanwhile == "restore")
             scheduler.advance(PasteTextInjector::restoreDelayMs);
         if (meanwhile == "window")
             backend->window = 2;
-        if (meanwhile == "focus")
+        if (meanwhile.startsWith("focus"))
             ++backend->focusMoves;
         if (meanwhile == "wait")
             scheduler.advance(PasteTextInjector::earlyReadLifetimeMs + 1);
+        if (meanwhile.endsWith("again")) {
+            injector.prepareInjection();
+            backend->element->roles = {"text"};
+        }
         const std::optional<QuorvaneError> failure = failureOf([&] { injector.inject("hello"); });
 
         QCOMPARE(failure ? int(failure->errorCase()) : -1, error);
