@@ -128,6 +128,10 @@ void X11TextBackend::refreshQtServerTime() {
     Display *x = display();
     if (!x)
         return;
+    // Claims counted now are older than the time this refresh hands Qt.
+    countOwnerChanges();
+    const qint64 claims = m_foreignClaims;
+    m_foreignClaimsAtRefresh.reset();
     if (!m_timeWindow) {
         m_timeWindow = std::make_unique<QWindow>();
         m_timeWindow->create();
@@ -142,6 +146,14 @@ void X11TextBackend::refreshQtServerTime() {
     while (!filter.seen && waited.elapsed() < 200)
         QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents, 10);
     QCoreApplication::instance()->removeNativeEventFilter(&filter);
+    if (filter.seen)
+        m_foreignClaimsAtRefresh = claims;
+}
+
+void X11TextBackend::refreshQtServerTimeIfStale() {
+    countOwnerChanges();
+    if (m_fixesEvent < 0 || m_foreignClaimsAtRefresh != m_foreignClaims)
+        refreshQtServerTime();
 }
 
 X11TextBackend::~X11TextBackend() {
@@ -198,6 +210,7 @@ void X11TextBackend::countOwnerChanges() {
             continue;
         }
         ++m_changeCount;
+        ++m_foreignClaims;
     }
 }
 
@@ -264,6 +277,8 @@ DesktopTextBackend::ClipboardSnapshot X11TextBackend::readClipboard() {
     for (const QString &format : data->formats())
         if (format != qtImageFormat)
             item.append({format, data->data(format)});
+    // A snapshot comes before a write: the write then need not wait for a fresh server time.
+    refreshQtServerTimeIfStale();
     if (item.isEmpty())
         return {};
     return {item};
@@ -272,11 +287,22 @@ DesktopTextBackend::ClipboardSnapshot X11TextBackend::readClipboard() {
 bool X11TextBackend::writeText(const QString &text) {
     QClipboard *clipboard = QGuiApplication::clipboard();
     const bool primaryToo = chordForActiveWindow() == PasteChord::shiftInsert && clipboard->supportsSelection();
-    refreshQtServerTime();
+    // Claims on PRIMARY (any selection of text) are not watched: writing it always needs a refresh.
+    if (primaryToo)
+        refreshQtServerTime();
+    else
+        refreshQtServerTimeIfStale();
     m_writing = true;
     auto *data = new QMimeData;
     data->setText(text);
     clipboard->setMimeData(data, QClipboard::Clipboard);
+    if (!clipboard->ownsClipboard()) {
+        // Refused as older than the owner's claim, which a claim we did not see could make.
+        refreshQtServerTime();
+        auto *again = new QMimeData;
+        again->setText(text);
+        clipboard->setMimeData(again, QClipboard::Clipboard);
+    }
     if (primaryToo) {
         auto *primary = new QMimeData;
         primary->setText(text);

@@ -5,6 +5,7 @@
 
 #include <QMetaObject>
 #include <memory>
+#include <optional>
 
 class QWindow;
 
@@ -37,6 +38,8 @@ private:
     bool clipboardOwnerAnswers();
     PasteChord chordForActiveWindow();
     void refreshQtServerTime();
+    // Only when someone else claimed CLIPBOARD since the last refresh, or that cannot be told.
+    void refreshQtServerTimeIfStale();
 
     _XDisplay *m_display = nullptr;
     unsigned long m_probeWindow = 0;
@@ -48,6 +51,9 @@ private:
     int m_fixesEvent = -1;
     // Qt's connection's window ids, to tell its claims (our writes, counted where they happen).
     quint32 m_qtIdBase = 0, m_qtIdMask = 0;
+    // Claims by others, and their number at Qt's last refreshed server time.
+    qint64 m_foreignClaims = 0;
+    std::optional<qint64> m_foreignClaimsAtRefresh;
     // Clearing leaves no owner to recognise: the notices of our own clears, yet to arrive.
     int m_ownClears = 0;
     // Our own writes are counted where they happen; Qt's notice of them must not count twice.
