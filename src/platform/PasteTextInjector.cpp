@@ -28,7 +28,7 @@ bool PasteTextInjector::isSecure(const QStringList &roles) {
 void PasteTextInjector::prepareInjection() {
     std::optional<EarlyReads> early = takeEarlyReads();
     if (m_backend->confirmsEarlyReads() && m_backend->isTrusted())
-        m_early = currentReads(std::move(early));
+        m_early = currentReads(std::move(early), ElementCheck::windowOnly);
 }
 
 // Early reads serve one paste at most, and only while fresh.
@@ -43,12 +43,13 @@ std::optional<PasteTextInjector::EarlyReads> PasteTextInjector::takeEarlyReads()
 // stands only while the same window has the focus and the same element in it, so a password field
 // focused since is always looked up, never assumed; the snapshot only while nobody (a restore of
 // ours included) has written the clipboard since.
-PasteTextInjector::EarlyReads PasteTextInjector::currentReads(std::optional<EarlyReads> early) {
+PasteTextInjector::EarlyReads PasteTextInjector::currentReads(std::optional<EarlyReads> early, ElementCheck check) {
     EarlyReads reads;
     reads.takenAt = m_scheduler.nowMs();
     // The window first: a focus move during a slow lookup then shows as a different window.
     reads.window = m_backend->focusedWindow();
-    if (early && early->element && reads.window == early->window && early->element->stillFocused()) {
+    if (early && early->element && reads.window == early->window &&
+        (check == ElementCheck::windowOnly || early->element->stillFocused())) {
         reads.element = std::move(early->element);
         reads.secure = early->secure;
     } else {
@@ -73,7 +74,7 @@ void PasteTextInjector::inject(const QString &text) {
     std::optional<EarlyReads> early = takeEarlyReads();
     if (!m_backend->isTrusted())
         throw QuorvaneError(QuorvaneError::Case::accessibilityDenied);
-    EarlyReads reads = currentReads(std::move(early));
+    EarlyReads reads = currentReads(std::move(early), ElementCheck::askElement);
     if (reads.secure)
         throw QuorvaneError(QuorvaneError::Case::secureTextSelected);
     // A paste within 0.35 s of the last one snapshots our own earlier text: the earlier restore is

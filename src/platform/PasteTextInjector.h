@@ -42,7 +42,10 @@ private:
     };
 
     std::optional<EarlyReads> takeEarlyReads();
-    EarlyReads currentReads(std::optional<EarlyReads> early);
+    // Asking the element costs a round trip to the application, which the paste always pays;
+    // bringing early reads up to date before it only checks the window.
+    enum class ElementCheck { windowOnly, askElement };
+    EarlyReads currentReads(std::optional<EarlyReads> early, ElementCheck check);
 
     struct PendingRestore {
         DesktopTextBackend::ClipboardSnapshot snapshot;
