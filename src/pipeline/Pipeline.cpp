@@ -379,6 +379,9 @@ QCoro::Task<void> Pipeline::startRecording(RunTicket ticket, std::shared_ptr<Run
         break;
     }
     startRecordingLimit();
+    // The paste's slow reads (the focused field, the clipboard) are taken while the user speaks;
+    // key-up and the paste then only confirm them.
+    m_platform.injector->prepareInjection();
     if (released) {
         Log::info(QStringLiteral("Applying release that arrived during startup."));
         finish(run->mode);
@@ -481,6 +484,10 @@ void Pipeline::finish(std::optional<PipelineMode> expectedMode) {
     Timings timings;
     timings.recordingMS = held;
     detach(runGuarded(currentRun(), timings), logTaskFailure);
+    // Whatever moved while the user spoke is read again now, alongside the engine's work, unless
+    // the run has already ended.
+    if (m_state.kind == PipelineState::Kind::thinking)
+        m_platform.injector->prepareInjection();
 }
 
 void Pipeline::bindHotkey(GlobalHotkey &hotkey, PipelineMode mode) {

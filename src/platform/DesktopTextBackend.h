@@ -22,6 +22,9 @@ public:
     virtual bool isSelectionSettable() = 0;
     virtual std::optional<qint64> processID() = 0;
     virtual std::optional<TextSelectionRange> selectedRange() = 0;
+    // Asks the application again, past any cached answer, whether this element still has the
+    // focus; false when that cannot be told, so an earlier read is never trusted blindly.
+    virtual bool stillFocused() { return false; }
 };
 
 // The operating-system side of typing and reading text: the clipboard with every item and format,
@@ -49,4 +52,11 @@ public:
     virtual qint64 changeCount() = 0;
     // Synthesises the paste keystroke for the application in front; false when it could not.
     virtual bool postPasteChord() = 0;
+
+    // Whether changeCount() and focusedWindow() are up to date the moment they return, so that a
+    // snapshot and a focused element read early can stand at the paste while both stay put. Off
+    // by default: every paste then reads afresh.
+    virtual bool confirmsEarlyReads() { return false; }
+    // Names the window with the keyboard focus; only ever compared with an earlier answer.
+    virtual qint64 focusedWindow() { return 0; }
 };

@@ -3,6 +3,7 @@
 #include "core/Text.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -24,19 +25,61 @@ bool PasteTextInjector::isSecure(const QStringList &roles) {
     return false;
 }
 
+void PasteTextInjector::prepareInjection() {
+    std::optional<EarlyReads> early = takeEarlyReads();
+    if (m_backend->confirmsEarlyReads() && m_backend->isTrusted())
+        m_early = currentReads(std::move(early), ElementCheck::windowOnly);
+}
+
+// Early reads serve one paste at most, and only while fresh.
+std::optional<PasteTextInjector::EarlyReads> PasteTextInjector::takeEarlyReads() {
+    std::optional<EarlyReads> early = std::exchange(m_early, std::nullopt);
+    if (early && m_scheduler.nowMs() - early->takenAt > earlyReadLifetimeMs)
+        early.reset();
+    return early;
+}
+
+// What `early` read that still holds, and fresh reads for the rest. The focused element's answer
+// stands only while the same window has the focus and the same element in it, so a password field
+// focused since is always looked up, never assumed; the snapshot only while nobody (a restore of
+// ours included) has written the clipboard since.
+PasteTextInjector::EarlyReads PasteTextInjector::currentReads(std::optional<EarlyReads> early, ElementCheck check) {
+    EarlyReads reads;
+    reads.takenAt = m_scheduler.nowMs();
+    // The window first: a focus move during a slow lookup then shows as a different window.
+    reads.window = m_backend->focusedWindow();
+    if (early && early->element && reads.window == early->window &&
+        (check == ElementCheck::windowOnly || early->element->stillFocused())) {
+        reads.element = std::move(early->element);
+        reads.secure = early->secure;
+    } else {
+        // An application that exposes no focused element still gets the text.
+        reads.element = m_backend->focusedElement();
+        reads.secure = reads.element && isSecure(reads.element->roles());
+    }
+    // A secure field gets nothing, so its paste never needs the clipboard.
+    if (reads.secure)
+        return reads;
+    reads.changeCount = m_backend->changeCount();
+    if (early && !early->secure && reads.changeCount == early->changeCount)
+        reads.snapshot = std::move(early->snapshot);
+    else
+        reads.snapshot = m_backend->readClipboard();
+    return reads;
+}
+
 void PasteTextInjector::inject(const QString &text) {
     if (text.isEmpty())
         return;
+    std::optional<EarlyReads> early = takeEarlyReads();
     if (!m_backend->isTrusted())
         throw QuorvaneError(QuorvaneError::Case::accessibilityDenied);
-    // An application that exposes no focused element still gets the text.
-    if (const std::unique_ptr<FocusedElement> element = m_backend->focusedElement();
-        element && isSecure(element->roles()))
+    EarlyReads reads = currentReads(std::move(early), ElementCheck::askElement);
+    if (reads.secure)
         throw QuorvaneError(QuorvaneError::Case::secureTextSelected);
-
     // A paste within 0.35 s of the last one snapshots our own earlier text: the earlier restore is
     // skipped (the count moved) and this snapshot, holding that text, is what comes back.
-    DesktopTextBackend::ClipboardSnapshot snapshot = m_backend->readClipboard();
+    DesktopTextBackend::ClipboardSnapshot snapshot = std::move(reads.snapshot);
 
     if (!m_backend->writeText(text))
         throw QuorvaneError::injectionFailed(QStringLiteral("could not write to the pasteboard"));

@@ -12,6 +12,8 @@ class TextInjector {
 public:
     virtual ~TextInjector() = default;
     virtual void inject(const QString &text) = 0;
+    // A paste is likely soon: its slow reads may start now, so that the paste only confirms them.
+    virtual void prepareInjection() {}
     // Leaves the text on the clipboard without pasting it, so that a delivery that failed or was
     // withheld loses nothing.
     virtual void copyToClipboard(const QString &text) = 0;

@@ -114,6 +114,10 @@ private slots:
         h.dictationKey.release();
         QVERIFY(h.modelAsked());
         QCOMPARE(h.kind(), Kind::thinking);
+        // The paste's reads are taken when recording starts and brought up to date at key-up,
+        // while the engine is still at work.
+        QCOMPARE(h.injector->prepares, 2);
+        QVERIFY(h.injector->injected.isEmpty());
         // A second key-down while thinking starts nothing.
         h.dictationKey.press();
         h.editKey.press();

@@ -214,6 +214,84 @@ private slots:
         scheduler.advance(PasteTextInjector::restoreDelayMs);
         QCOMPARE(backend->clipboard, richClipboard());
     }
+
+    // What was read when the key went up serves the paste only while nothing it depends on moved;
+    // anything else is read again, and a password field focused meanwhile still gets nothing.
+    void earlyReadsStandUntilSomethingMoves_data() {
+        QTest::addColumn<QStringList>("earlyRoles");
+        QTest::addColumn<QString>("meanwhile");
+        QTest::addColumn<QStringList>("rolesNow");
+        QTest::addColumn<int>("focusLookups");
+        QTest::addColumn<int>("clipboardReads");
+        QTest::addColumn<int>("error");
+        QTest::addColumn<Clipboard>("restored");
+        const QStringList plain{"text"}, password{"password text"};
+        const Clipboard rich = richClipboard();
+        const Clipboard mine = ScriptedTextBackend::plainText("mine");
+        const int secure = int(Case::secureTextSelected);
+        QTest::newRow("nothing moved") << plain << "" << plain << 1 << 1 << -1 << rich;
+        QTest::newRow("user copied") << plain << "copy" << plain << 1 << 2 << -1 << mine;
+        // The snapshot held our earlier text; the restore that landed since brings the user's back.
+        QTest::newRow("earlier restore landed") << plain << "restore" << plain << 1 << 3 << -1 << rich;
+        QTest::newRow("other window, password") << plain << "window" << password << 2 << 1 << secure << rich;
+        QTest::newRow("password focused in window") << plain << "focus" << password << 2 << 1 << secure << rich;
+        QTest::newRow("other field in window") << plain << "focus" << plain << 2 << 1 << -1 << rich;
+        QTest::newRow("password stays focused") << password << "" << password << 1 << 0 << secure << rich;
+        QTest::newRow("left the password field") << password << "focus" << plain << 2 << 1 << -1 << rich;
+        QTest::newRow("nothing focused early") << QStringList{} << "" << password << 2 << 1 << secure << rich;
+        QTest::newRow("backend cannot confirm") << plain << "unconfirmed" << password << 1 << 0 << secure << rich;
+        QTest::newRow("read too long ago") << plain << "wait" << plain << 2 << 2 << -1 << rich;
+        // Reads brought up to date again keep what still holds and serve the paste.
+        QTest::newRow("prepared again") << plain << "again" << plain << 1 << 1 << -1 << rich;
+        QTest::newRow("copied, prepared again") << plain << "copy, again" << plain << 1 << 2 << -1 << mine;
+        QTest::newRow("focus moved, prepared again") << plain << "focus, again" << password << 2 << 1 << secure << rich;
+    }
+    void earlyReadsStandUntilSomethingMoves() {
+        QFETCH(QStringList, earlyRoles);
+        QFETCH(QString, meanwhile);
+        QFETCH(QStringList, rolesNow);
+        QFETCH(int, focusLookups);
+        QFETCH(int, clipboardReads);
+        QFETCH(int, error);
+        QFETCH(Clipboard, restored);
+        auto backend = std::make_shared<ScriptedTextBackend>();
+        backend->clipboard = richClipboard();
+        backend->confirms = meanwhile != "unconfirmed";
+        ManualScheduler scheduler;
+        PasteTextInjector injector(backend, scheduler);
+        if (meanwhile == "restore")
+            injector.inject("earlier");
+        if (earlyRoles.isEmpty())
+            backend->element.reset();
+        else
+            backend->element->roles = earlyRoles;
+        const int lookupsBefore = backend->focusLookups;
+        const int pastedBefore = int(backend->pasted.size());
+
+        injector.prepareInjection();
+        backend->element = Element{};
+        backend->element->roles = rolesNow;
+        if (meanwhile.startsWith("copy"))
+            backend->copyElsewhere(ScriptedTextBackend::plainText("mine"));
+        if (meanwhile == "restore")
+            scheduler.advance(PasteTextInjector::restoreDelayMs);
+        if (meanwhile == "window")
+            backend->window = 2;
+        if (meanwhile.startsWith("focus"))
+            ++backend->focusMoves;
+        if (meanwhile == "wait")
+            scheduler.advance(PasteTextInjector::earlyReadLifetimeMs + 1);
+        if (meanwhile.endsWith("again"))
+            injector.prepareInjection();
+        const std::optional<QuorvaneError> failure = failureOf([&] { injector.inject("hello"); });
+
+        QCOMPARE(failure ? int(failure->errorCase()) : -1, error);
+        QCOMPARE(backend->focusLookups - lookupsBefore, focusLookups);
+        QCOMPARE(backend->clipboardReads, clipboardReads);
+        QCOMPARE(backend->pasted.size() - pastedBefore, failure ? 0 : 1);
+        scheduler.advance(PasteTextInjector::restoreDelayMs);
+        QCOMPARE(backend->clipboard, restored);
+    }
 };
 
 QTEST_GUILESS_MAIN(TestPasteTextInjector)

@@ -21,12 +21,14 @@ public:
             throw *copyFailure;
         clipboard = text;
     }
+    void prepareInjection() override { ++prepares; }
     void failNextInjection(const QuorvaneError &error) { m_failure = error; }
 
     QStringList injected;
     std::optional<QString> clipboard;
     // Every copy fails with this, as on a desktop whose clipboard cannot be reached.
     std::optional<QuorvaneError> copyFailure;
+    int prepares = 0;
 
 private:
     std::optional<QuorvaneError> m_failure;

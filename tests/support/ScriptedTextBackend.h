@@ -23,9 +23,13 @@ public:
 
     bool isTrusted() override { return trusted; }
     std::unique_ptr<FocusedElement> focusedElement() override {
+        ++focusLookups;
         return element ? std::make_unique<ScriptedElement>(*this) : nullptr;
     }
-    ClipboardSnapshot readClipboard() override { return clipboard; }
+    ClipboardSnapshot readClipboard() override {
+        ++clipboardReads;
+        return clipboard;
+    }
     bool writeText(const QString &text) override {
         if (writeFails)
             return false;
@@ -47,7 +51,21 @@ public:
         return true;
     }
 
+    bool confirmsEarlyReads() override { return confirms; }
+    qint64 focusedWindow() override { return window; }
+    // Someone else copies: the change count moves as it would for them.
+    void copyElsewhere(const ClipboardSnapshot &items) {
+        clipboard = items;
+        ++m_changeCount;
+    }
+
     bool trusted = true;
+    bool confirms = true;
+    qint64 window = 1;
+    // Moving the focus within the window: elements handed out before no longer have it.
+    int focusMoves = 0;
+    int focusLookups = 0;
+    int clipboardReads = 0;
     bool writeFails = false;
     bool chordFails = false;
     std::optional<Element> element = Element{};
@@ -59,7 +77,7 @@ public:
 private:
     class ScriptedElement final : public FocusedElement {
     public:
-        explicit ScriptedElement(ScriptedTextBackend &backend) : m_backend(backend) {}
+        explicit ScriptedElement(ScriptedTextBackend &backend) : m_backend(backend), m_focusMoves(backend.focusMoves) {}
         QStringList roles() override { return m_backend.element->roles; }
         std::optional<QString> selectedText() override {
             ++m_backend.selectedTextReads;
@@ -68,9 +86,11 @@ private:
         bool isSelectionSettable() override { return m_backend.element->settable; }
         std::optional<qint64> processID() override { return m_backend.element->processID; }
         std::optional<TextSelectionRange> selectedRange() override { return m_backend.element->range; }
+        bool stillFocused() override { return m_backend.focusMoves == m_focusMoves; }
 
     private:
         ScriptedTextBackend &m_backend;
+        const int m_focusMoves;
     };
 
     qint64 m_changeCount = 0;

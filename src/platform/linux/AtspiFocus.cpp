@@ -94,6 +94,13 @@ public:
 
     bool isSelectionSettable() override { return hasState(m_accessible.get(), ATSPI_STATE_EDITABLE); }
 
+    // libatspi keeps the states it read, and only the events it may not have seen yet update
+    // them: the question goes to the application itself.
+    bool stillFocused() override {
+        atspi_accessible_clear_cache(m_accessible.get());
+        return hasState(m_accessible.get(), ATSPI_STATE_FOCUSED);
+    }
+
     std::optional<qint64> processID() override {
         GError *error = nullptr;
         const guint pid = atspi_accessible_get_process_id(m_accessible.get(), &error);

@@ -11,6 +11,7 @@
 #include <QGuiApplication>
 #include <QMimeData>
 #include <QWindow>
+#include <QtGui/qguiapplication_platform.h>
 #include <algorithm>
 #include <chrono>
 #include <poll.h>
@@ -21,6 +22,7 @@
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
+#include <X11/extensions/Xfixes.h>
 #include <X11/keysym.h>
 #include <xcb/xcb.h>
 
@@ -114,7 +116,7 @@ private:
 X11TextBackend::X11TextBackend() {
     if (QClipboard *clipboard = QGuiApplication::clipboard())
         m_changed = QObject::connect(clipboard, &QClipboard::changed, [this](QClipboard::Mode mode) {
-            if (mode == QClipboard::Clipboard && !m_writing)
+            if (mode == QClipboard::Clipboard && !m_writing && m_fixesEvent < 0)
                 ++m_changeCount;
         });
 }
@@ -126,6 +128,10 @@ void X11TextBackend::refreshQtServerTime() {
     Display *x = display();
     if (!x)
         return;
+    // Claims counted now are older than the time this refresh hands Qt.
+    countOwnerChanges();
+    const qint64 claims = m_foreignClaims;
+    m_foreignClaimsAtRefresh.reset();
     if (!m_timeWindow) {
         m_timeWindow = std::make_unique<QWindow>();
         m_timeWindow->create();
@@ -140,6 +146,14 @@ void X11TextBackend::refreshQtServerTime() {
     while (!filter.seen && waited.elapsed() < 200)
         QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents, 10);
     QCoreApplication::instance()->removeNativeEventFilter(&filter);
+    if (filter.seen)
+        m_foreignClaimsAtRefresh = claims;
+}
+
+void X11TextBackend::refreshQtServerTimeIfStale() {
+    countOwnerChanges();
+    if (m_fixesEvent < 0 || m_foreignClaimsAtRefresh != m_foreignClaims)
+        refreshQtServerTime();
 }
 
 X11TextBackend::~X11TextBackend() {
@@ -160,8 +174,44 @@ _XDisplay *X11TextBackend::display() {
     if (!m_display) {
         X11Errors::installTolerantHandler();
         m_display = XOpenDisplay(nullptr);
+        int fixesEvent = 0, fixesError = 0;
+        const auto *qt = qGuiApp ? qGuiApp->nativeInterface<QNativeInterface::QX11Application>() : nullptr;
+        if (m_display && qt && qt->connection() && XFixesQueryExtension(m_display, &fixesEvent, &fixesError)) {
+            const xcb_setup_t *setup = xcb_get_setup(qt->connection());
+            m_qtIdBase = setup->resource_id_base;
+            m_qtIdMask = setup->resource_id_mask;
+            XFixesSelectSelectionInput(m_display, DefaultRootWindow(m_display),
+                                       XInternAtom(m_display, "CLIPBOARD", False),
+                                       XFixesSetSelectionOwnerNotifyMask | XFixesSelectionWindowDestroyNotifyMask |
+                                           XFixesSelectionClientCloseNotifyMask);
+            XSync(m_display, False);
+            m_fixesEvent = fixesEvent + XFixesSelectionNotify;
+        }
     }
     return m_display;
+}
+
+bool X11TextBackend::isQtWindow(unsigned long window) const {
+    return window != None && (window & ~Window(m_qtIdMask)) == m_qtIdBase;
+}
+
+// Every owner change the server made before this call, so the count is current when it returns.
+void X11TextBackend::countOwnerChanges() {
+    if (!display() || m_fixesEvent < 0)
+        return;
+    XSync(m_display, False);
+    XEvent event;
+    while (XCheckTypedEvent(m_display, m_fixesEvent, &event)) {
+        const auto &notice = reinterpret_cast<const XFixesSelectionNotifyEvent &>(event);
+        if (isQtWindow(notice.owner))
+            continue;
+        if (notice.owner == None && notice.subtype == XFixesSetSelectionOwnerNotify && m_ownClears > 0) {
+            --m_ownClears;
+            continue;
+        }
+        ++m_changeCount;
+        ++m_foreignClaims;
+    }
 }
 
 bool X11TextBackend::isTrusted() {
@@ -227,6 +277,8 @@ DesktopTextBackend::ClipboardSnapshot X11TextBackend::readClipboard() {
     for (const QString &format : data->formats())
         if (format != qtImageFormat)
             item.append({format, data->data(format)});
+    // A snapshot comes before a write: the write then need not wait for a fresh server time.
+    refreshQtServerTimeIfStale();
     if (item.isEmpty())
         return {};
     return {item};
@@ -235,11 +287,22 @@ DesktopTextBackend::ClipboardSnapshot X11TextBackend::readClipboard() {
 bool X11TextBackend::writeText(const QString &text) {
     QClipboard *clipboard = QGuiApplication::clipboard();
     const bool primaryToo = chordForActiveWindow() == PasteChord::shiftInsert && clipboard->supportsSelection();
-    refreshQtServerTime();
+    // Claims on PRIMARY (any selection of text) are not watched: writing it always needs a refresh.
+    if (primaryToo)
+        refreshQtServerTime();
+    else
+        refreshQtServerTimeIfStale();
     m_writing = true;
     auto *data = new QMimeData;
     data->setText(text);
     clipboard->setMimeData(data, QClipboard::Clipboard);
+    if (!clipboard->ownsClipboard()) {
+        // Refused as older than the owner's claim, which a claim we did not see could make.
+        refreshQtServerTime();
+        auto *again = new QMimeData;
+        again->setText(text);
+        clipboard->setMimeData(again, QClipboard::Clipboard);
+    }
     if (primaryToo) {
         auto *primary = new QMimeData;
         primary->setText(text);
@@ -255,6 +318,9 @@ void X11TextBackend::writeClipboard(const ClipboardSnapshot &items) {
     refreshQtServerTime();
     m_writing = true;
     if (items.isEmpty()) {
+        // Only a clear that gave up ownership leaves a notice behind.
+        if (m_fixesEvent >= 0 && clipboard->ownsClipboard())
+            ++m_ownClears;
         clipboard->clear(QClipboard::Clipboard);
     } else {
         // The X11 clipboard holds one item; should several come, the first to name a format wins.
@@ -270,7 +336,17 @@ void X11TextBackend::writeClipboard(const ClipboardSnapshot &items) {
 }
 
 qint64 X11TextBackend::changeCount() {
+    countOwnerChanges();
     return m_changeCount;
+}
+
+bool X11TextBackend::confirmsEarlyReads() {
+    return display() && m_fixesEvent >= 0;
+}
+
+qint64 X11TextBackend::focusedWindow() {
+    Display *x = display();
+    return x ? qint64(X11Windows::activeWindow(x)) : 0;
 }
 
 PasteChord X11TextBackend::chordForActiveWindow() {

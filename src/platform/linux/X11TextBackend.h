@@ -5,6 +5,7 @@
 
 #include <QMetaObject>
 #include <memory>
+#include <optional>
 
 class QWindow;
 
@@ -27,18 +28,34 @@ public:
     void writeClipboard(const ClipboardSnapshot &items) override;
     qint64 changeCount() override;
     bool postPasteChord() override;
+    bool confirmsEarlyReads() override;
+    qint64 focusedWindow() override;
 
 private:
     _XDisplay *display();
+    void countOwnerChanges();
+    bool isQtWindow(unsigned long window) const;
     bool clipboardOwnerAnswers();
     PasteChord chordForActiveWindow();
     void refreshQtServerTime();
+    // Only when someone else claimed CLIPBOARD since the last refresh, or that cannot be told.
+    void refreshQtServerTimeIfStale();
 
     _XDisplay *m_display = nullptr;
     unsigned long m_probeWindow = 0;
     // A spare keycode given the Latin v for layouts that have none; given back on destruction.
     unsigned char m_borrowedKeycode = 0;
     qint64 m_changeCount = 0;
+    // CLIPBOARD's owner changes reach our own connection through XFixes, which a round trip to
+    // the server brings up to date; -1 without the extension, and Qt's notices count instead.
+    int m_fixesEvent = -1;
+    // Qt's connection's window ids, to tell its claims (our writes, counted where they happen).
+    quint32 m_qtIdBase = 0, m_qtIdMask = 0;
+    // Claims by others, and their number at Qt's last refreshed server time.
+    qint64 m_foreignClaims = 0;
+    std::optional<qint64> m_foreignClaimsAtRefresh;
+    // Clearing leaves no owner to recognise: the notices of our own clears, yet to arrive.
+    int m_ownClears = 0;
     // Our own writes are counted where they happen; Qt's notice of them must not count twice.
     bool m_writing = false;
     QMetaObject::Connection m_changed;

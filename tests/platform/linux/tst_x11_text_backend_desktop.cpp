@@ -273,6 +273,58 @@ private slots:
         scheduler.advance(PasteTextInjector::restoreDelayMs);
     }
 
+    // Reads taken early serve the paste only while the desktop says nothing moved: a copy or the
+    // owner quitting since is what comes back, and a password field focused since gets nothing.
+    void earlyReadsFollowTheDesktop_data() {
+        QTest::addColumn<QString>("meanwhile");
+        QTest::addColumn<QString>("field");
+        QTest::addColumn<QByteArray>("restored");
+        QTest::newRow("nothing") << ""
+                                 << "line" << QByteArray("before");
+        QTest::newRow("window copies") << "copy"
+                                       << "line" << QByteArray("since");
+        QTest::newRow("owner quits") << "quit"
+                                     << "line" << QByteArray("<empty>");
+        QTest::newRow("password focused") << "focus password"
+                                          << "password" << QByteArray("before");
+        QTest::newRow("other field focused") << "focus edit"
+                                             << "edit" << QByteArray("before");
+    }
+    void earlyReadsFollowTheDesktop() {
+        QFETCH(QString, meanwhile);
+        QFETCH(QString, field);
+        QFETCH(QByteArray, restored);
+        m_owner.start("xclip", {"-quiet", "-selection", "clipboard", "-i"});
+        QVERIFY(m_owner.waitForStarted());
+        m_owner.write("before");
+        m_owner.closeWriteChannel();
+        QTRY_COMPARE(clipboardAs("UTF8_STRING"), "before");
+        for (const QString &name : {"line", "password", "edit"})
+            QCOMPARE(m_target->command("set " + name), "ok");
+        QVERIFY(m_target->focus("line"));
+        QTRY_VERIFY(m_backend->focusedElement() != nullptr);
+
+        ManualScheduler scheduler;
+        PasteTextInjector injector(m_backend, scheduler);
+        QVERIFY(m_backend->confirmsEarlyReads());
+        injector.prepareInjection();
+        if (meanwhile == "copy") {
+            QCOMPARE(m_target->command("copy since"), "ok");
+        } else if (meanwhile == "quit") {
+            m_owner.kill();
+            m_owner.waitForFinished();
+            QTRY_COMPARE(clipboardAs("UTF8_STRING"), "<empty>");
+        } else if (meanwhile.startsWith("focus ")) {
+            QVERIFY(m_target->focus(meanwhile.mid(6)));
+        }
+        const bool secure = field == "password";
+        QCOMPARE(failureOf([&] { injector.inject("early text"); }),
+                 secure ? std::optional(Case::secureTextSelected) : std::nullopt);
+        QTRY_COMPARE(m_target->text(field), secure ? "" : "early text");
+        scheduler.advance(PasteTextInjector::restoreDelayMs);
+        QCOMPARE(clipboardAs("UTF8_STRING"), restored);
+    }
+
     // The selection is read with its range, and replacing it pastes over exactly that text.
     void readsAndReplacesSelection_data() {
         QTest::addColumn<QString>("text");
