@@ -37,55 +37,37 @@ class AsyncTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void timeoutDeliversTheValue() {
-        ManualScheduler clock;
-        auto outcome = runWithTime(clock,
-                                   withTimeout<int>(
-                                       100, [&] { return valueAfter(clock, 40, 7); }, clock),
-                                   200);
-        QVERIFY(!outcome.timedOut());
-        QCOMPARE(outcome.get(), 7);
-    }
-
-    void timeoutDeliversTheError() {
-        ManualScheduler clock;
-        auto outcome = runWithTime(clock,
-                                   withTimeout<int>(
-                                       100, [&] { return failAfter(clock, 10); }, clock),
-                                   200);
-        QVERIFY(!outcome.timedOut());
-        QVERIFY_THROWS_EXCEPTION(std::runtime_error, outcome.get());
-    }
-
-    void timeoutWinsOverASlowOperation() {
-        ManualScheduler clock;
-        auto outcome = runWithTime(clock,
-                                   withTimeout<int>(
-                                       100, [&] { return valueAfter(clock, 101, 1); }, clock),
-                                   500);
-        QVERIFY(outcome.timedOut());
-    }
-
-    void nearTieDeliversExactlyOneOutcome_data() {
+    // Exactly one outcome, whichever comes first: the operation's value or error, or the timeout.
+    void timeoutDeliversOneOutcome_data() {
         QTest::addColumn<qint64>("operationMs");
+        QTest::addColumn<bool>("fails");
         QTest::addColumn<bool>("timedOut");
+        QTest::newRow("value") << qint64(40) << false << false;
+        QTest::newRow("error") << qint64(10) << true << false;
         // Scheduled in order: the operation's sleep is scheduled before the timer, so at the same
         // instant the operation resolves first and the timer's resolution is dropped.
-        QTest::newRow("same instant") << qint64(100) << false;
-        QTest::newRow("one ms late") << qint64(101) << true;
-        QTest::newRow("one ms early") << qint64(99) << false;
+        QTest::newRow("same instant") << qint64(100) << false << false;
+        QTest::newRow("one ms late") << qint64(101) << false << true;
+        QTest::newRow("one ms early") << qint64(99) << false << false;
     }
-    void nearTieDeliversExactlyOneOutcome() {
+    void timeoutDeliversOneOutcome() {
         QFETCH(qint64, operationMs);
+        QFETCH(bool, fails);
+        QFETCH(bool, timedOut);
         ManualScheduler clock;
         int resumed = 0;
-        auto run = [&]() -> QCoro::Task<bool> {
+        auto run = [&]() -> QCoro::Task<TimeoutOutcome<int>> {
             auto outcome = co_await withTimeout<int>(
-                100, [&] { return valueAfter(clock, operationMs, 1); }, clock);
+                100, [&] { return fails ? failAfter(clock, operationMs) : valueAfter(clock, operationMs, 7); }, clock);
             ++resumed;
-            co_return outcome.timedOut();
+            co_return outcome;
         };
-        QTEST(runWithTime(clock, run(), 1000), "timedOut");
+        auto outcome = runWithTime(clock, run(), 1000);
+        QCOMPARE(outcome.timedOut(), timedOut);
+        if (fails)
+            QVERIFY_THROWS_EXCEPTION(std::runtime_error, outcome.get());
+        else if (!timedOut)
+            QCOMPARE(outcome.get(), 7);
         QTest::qWait(20); // a second resumption would arrive through the event loop
         QCOMPARE(resumed, 1);
         QCOMPARE(clock.pendingCount(), 0u);

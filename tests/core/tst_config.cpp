@@ -1,6 +1,6 @@
+#include "LogRecorder.h"
+#include "QuorvaneProcess.h"
 #include "core/Config.h"
-#include "core/LocalServiceEndpoint.h"
-#include "core/Log.h"
 
 #include <QDir>
 #include <QFile>
@@ -18,38 +18,12 @@ Config decodeObject(const QByteArray &json) {
     return *decoded;
 }
 
-QByteArray readAll(const QString &path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-void writeAll(const QString &path, const QByteArray &bytes) {
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(bytes);
-}
-
-struct LogCapture {
-    QStringList lines;
-    LogCapture() {
-        Log::setObserver(
-            [this](const QString &level, const QString &message) { lines.append(level + u' ' + message); });
-    }
-    ~LogCapture() { Log::setObserver({}); }
-};
-
 } // namespace
 
 class ConfigTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase() {
-        // Log lines of the loader go to a throwaway data directory.
-        QVERIFY(m_home.isValid());
-        qputenv("QUORVANE_HOME", m_home.path().toUtf8());
-    }
-
     void emptyObjectIsDefaults() {
         QVERIFY(!Config::decode("[]"));
         QVERIFY(!Config::decode("not json"));
@@ -146,17 +120,14 @@ private Q_SLOTS:
     void endpointsMustBeLocal() {
         QFETCH(QString, value);
         QFETCH(QString, expected);
-        QStringList lines;
-        Log::setObserver([&](const QString &level, const QString &message) { lines << level + ' ' + message; });
+        LogRecorder log;
         const QByteArray json = QJsonDocument(QJsonObject{{QStringLiteral("whisperEndpoint"), value}}).toJson();
-        const QString endpoint = decodeObject(json).whisperEndpoint;
-        Log::setObserver({});
-        QCOMPARE(endpoint, expected);
+        QCOMPARE(decodeObject(json).whisperEndpoint, expected);
         // Only the refusal that would otherwise look like a missing server is explained.
         const QStringList expectedLog{QStringLiteral("WARN Settings: whisperEndpoint https://127.0.0.1:8443 is not "
                                                      "used because local servers are reached over plain http only; "
                                                      "using http://127.0.0.1:8080.")};
-        QCOMPARE(lines, value.startsWith("https") ? expectedLog : QStringList());
+        QCOMPARE(log.lines, value.startsWith("https") ? expectedLog : QStringList());
     }
 
     void appRulesDecodeWhole() {
@@ -205,7 +176,7 @@ private Q_SLOTS:
         Config config;
         config.captureCommand = QStringList{QStringLiteral("/usr/bin/rec")};
         config.save(path);
-        const QByteArray bytes = readAll(path);
+        const QByteArray bytes = readFileBytes(path);
         QVERIFY(bytes.contains("\n    \"appRules\""));
         QVERIFY(bytes.contains("captureCommand"));
         QVERIFY(!bytes.contains("pinnedRepositoryPath"));
@@ -223,52 +194,49 @@ private Q_SLOTS:
         QCOMPARE(Config::load(path), config);
     }
 
-    void loadMissingFileWritesDefaultsQuietly() {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("config.json"));
-        LogCapture log;
-        QCOMPARE(Config::load(path), Config());
-        QVERIFY(QFile::exists(path));
-        QCOMPARE(Config::decode(readAll(path)), Config());
-        QVERIFY(log.lines.isEmpty());
-    }
-
-    void loadValidFileDoesNotRewriteIt() {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("config.json"));
-        const QByteArray original = R"({"retainHistory": true, "formatterTimeoutMS": 5})";
-        writeAll(path, original);
-        const Config config = Config::load(path);
-        QCOMPARE(config.retainHistory, true);
-        QCOMPARE(config.formatterTimeoutMS, 250);
-        QCOMPARE(readAll(path), original);
-    }
-
-    void loadInvalidFilePreservesIt() {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("config.json"));
-        const QString preserved = dir.filePath(QStringLiteral("config.invalid.json"));
-        writeAll(preserved, "an older bad copy");
-        writeAll(path, "{ not json");
-        LogCapture log;
-        QCOMPARE(Config::load(path), Config());
-        QCOMPARE(readAll(preserved), QByteArray("{ not json"));
-        QCOMPARE(Config::decode(readAll(path)), Config());
-        QCOMPARE(log.lines, QStringList{QStringLiteral("WARN Settings were invalid. Safe defaults were loaded and the "
-                                                       "original file was preserved as config.invalid.json.")});
-    }
-
-    void loadInvalidFileWhenTheOldCopyCannotBeRemoved() {
+    // Loading never loses the user's file: a sound one is left as it is, a broken one is kept beside
+    // the defaults, and only what went wrong is logged.
+    void loading_data() {
+        QTest::addColumn<QByteArray>("original"); // empty: no file yet
+        QTest::addColumn<bool>("oldCopyInTheWay");
+        QTest::addColumn<QByteArray>("preserved");
+        QTest::addColumn<QString>("logged");
+        const QString preservedLine = QStringLiteral("WARN Settings were invalid. Safe defaults were loaded and the "
+                                                     "original file was preserved as config.invalid.json.");
+        QTest::newRow("missing") << QByteArray() << false << QByteArray() << QString();
+        QTest::newRow("valid") << QByteArray(R"({"retainHistory": true})") << false << QByteArray() << QString();
+        QTest::newRow("invalid") << QByteArray("{ not json") << false << QByteArray("{ not json") << preservedLine;
         // A directory in the way of the preserved copy cannot be removed like a file.
+        QTest::newRow("invalid, old copy in the way")
+            << QByteArray("[]") << true << QByteArray()
+            << QStringLiteral("ERROR Settings were invalid and could not be preserved");
+    }
+    void loading() {
+        QFETCH(QByteArray, original);
+        QFETCH(bool, oldCopyInTheWay);
+        QFETCH(QByteArray, preserved);
+        QFETCH(QString, logged);
         QTemporaryDir dir;
         const QString path = dir.filePath(QStringLiteral("config.json"));
-        QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("config.invalid.json/inside")));
-        writeAll(path, "[]");
-        LogCapture log;
-        QCOMPARE(Config::load(path), Config());
-        QCOMPARE(readAll(path), QByteArray("[]"));
-        QCOMPARE(log.lines.size(), 1);
-        QVERIFY(log.lines.first().startsWith(QStringLiteral("ERROR Settings were invalid and could not be preserved")));
+        const QString copy = dir.filePath(QStringLiteral("config.invalid.json"));
+        if (oldCopyInTheWay)
+            QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("config.invalid.json/inside")));
+        else
+            writeFileBytes(copy, "an older bad copy");
+        if (!original.isEmpty())
+            writeFileBytes(path, original);
+        LogRecorder log;
+        const Config config = Config::load(path);
+        QCOMPARE(config.retainHistory, original.contains("retainHistory"));
+        if (!preserved.isEmpty()) {
+            QCOMPARE(readFileBytes(copy), preserved);
+            QCOMPARE(Config::decode(readFileBytes(path)), Config());
+        } else {
+            // Written once when missing, never rewritten otherwise.
+            QCOMPARE(readFileBytes(path), original.isEmpty() ? Config().encode() : original);
+        }
+        QCOMPARE(log.lines.size(), logged.isEmpty() ? 0 : 1);
+        QVERIFY2(logged.isEmpty() || log.lines.first().startsWith(logged), qPrintable(log.lines.join('\n')));
     }
 
     void enumerationsRoundTrip() {
@@ -276,9 +244,6 @@ private Q_SLOTS:
             QCOMPARE(fromName<PushToTalkKey>(toName(key)), key);
         QCOMPARE(fromName<PromptDestination>(QStringLiteral("Codex")), std::nullopt);
     }
-
-private:
-    QTemporaryDir m_home;
 };
 
 QTEST_GUILESS_MAIN(ConfigTest)

@@ -33,13 +33,8 @@ QString audioPath() {
     return Paths::root() + QStringLiteral("/audio/latest.wav");
 }
 
-QByteArray readAll(const QString &path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 int utterancesIn(const QString &learned) {
-    const auto model = Learner::Model::fromJson(QJsonDocument::fromJson(readAll(learned)).object());
+    const auto model = Learner::Model::fromJson(QJsonDocument::fromJson(readFileBytes(learned)).object());
     return model ? model->utterances : -1;
 }
 
@@ -93,7 +88,7 @@ private slots:
             const int last = writer.readAllStandardOutput().trimmed().split('\n').last().toInt();
             const QString where = QStringLiteral("round %1, after version %2").arg(round).arg(last);
 
-            const std::optional<Config> settings = Config::decode(readAll(config));
+            const std::optional<Config> settings = Config::decode(readFileBytes(config));
             QVERIFY2(settings, qPrintable(where));
             const int settingsVersion = settings->ollamaModel.mid(6).toInt();
             QVERIFY2(settingsVersion == last || settingsVersion == last + 1, qPrintable(where));
@@ -101,7 +96,7 @@ private slots:
             const int utterances = utterancesIn(learned) - utterancesBefore;
             QVERIFY2(utterances == last + 1 || utterances == last + 2, qPrintable(where));
 
-            const std::size_t samples = WavDecoder::decode(readAll(audioPath())).samples.size();
+            const std::size_t samples = WavDecoder::decode(readFileBytes(audioPath())).samples.size();
             QVERIFY2(samples == recording(last).size() || samples == recording(last + 1).size(), qPrintable(where));
 
             for (const QString &path : {config, learned, audioPath()})

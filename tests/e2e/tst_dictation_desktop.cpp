@@ -1,5 +1,6 @@
 #include "FakeOllamaServer.h"
 #include "FakeWhisperServer.h"
+#include "QuorvaneProcess.h"
 #include "linux/DesktopDriver.h"
 #include "speech/WavDecoder.h"
 
@@ -183,7 +184,7 @@ private slots:
         QVERIFY(m_app->awaitLine("Dictation complete", m_from));
         xdotool({"key", "Return"});
         QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(file), 5000);
-        QTRY_COMPARE_WITH_TIMEOUT(readFile(file).trimmed(), spoken.toUtf8(), 3000);
+        QTRY_COMPARE_WITH_TIMEOUT(readFileBytes(file).trimmed(), spoken.toUtf8(), 3000);
     }
 
     // The hotkey thread's X connection is killed and the key released in one request stream, so
@@ -239,7 +240,7 @@ private slots:
         xdotool({"keyup", QString::number(rightAlt)});
         QTRY_COMPARE_WITH_TIMEOUT(m_whisper.inferenceRequests().size(), uploads + 1, 8000);
 
-        const auto clip = envelope(WavDecoder::decode(readFile(m_clip)));
+        const auto clip = envelope(WavDecoder::decode(readFileBytes(m_clip)));
         const auto upload = envelope(WavDecoder::decode(*m_whisper.inferenceRequests().last().field("file")));
         const double loudest = *std::max_element(clip.begin(), clip.end());
         const auto onset = std::find_if(clip.begin(), clip.end(), [&](double v) { return v > loudest / 10; });
@@ -304,13 +305,9 @@ private:
             names << QString::fromUtf8(format.first);
         return names;
     }
-    static QByteArray readFile(const QString &path) {
-        QFile file(path);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
     QList<QJsonObject> historyEntries() const {
         QList<QJsonObject> entries;
-        for (const QByteArray &line : readFile(m_app->home() + "/history.jsonl").split('\n'))
+        for (const QByteArray &line : readFileBytes(m_app->home() + "/history.jsonl").split('\n'))
             if (!line.isEmpty())
                 entries.append(QJsonDocument::fromJson(line).object());
         return entries;

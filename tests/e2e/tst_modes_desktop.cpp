@@ -1,5 +1,6 @@
 #include "FakeOllamaServer.h"
 #include "FakeWhisperServer.h"
+#include "QuorvaneProcess.h"
 #include "TempGitRepository.h"
 #include "formatting/RewriteCommand.h"
 #include "linux/DesktopDriver.h"
@@ -38,8 +39,7 @@ QString compiledPrompt(const QString &repositoryName) {
 }
 
 QString contents(const QString &path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    return QString::fromUtf8(readFileBytes(path));
 }
 
 int mode(const QString &path) {

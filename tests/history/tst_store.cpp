@@ -1,4 +1,5 @@
-#include "core/Log.h"
+#include "LogRecorder.h"
+#include "QuorvaneProcess.h"
 #include "history/Store.h"
 
 #include <QCoreApplication>
@@ -24,12 +25,6 @@ static Utterance makeUtterance(const QString &id, const QString &shipped) {
 
 static QByteArray line(const Utterance &u) {
     return QJsonDocument(u.toJson()).toJson(QJsonDocument::Compact) + '\n';
-}
-
-static void writeFile(const QString &path, const QByteArray &contents) {
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(contents);
 }
 
 // The history's lines, or {"<fragment>"} when it does not end with a whole line.
@@ -84,8 +79,8 @@ private slots:
     void readsBackWholeEntries() {
         const QString longText(200000, QLatin1Char('x'));
         // A line that does not parse is skipped; an unfinished last one is dropped before appending.
-        writeFile(history(),
-                  line(makeUtterance("1", "first")) + line(makeUtterance("2", longText)) + "{not json}\n{\"id\":\"4");
+        writeFileBytes(history(), line(makeUtterance("1", "first")) + line(makeUtterance("2", longText)) +
+                                      "{not json}\n{\"id\":\"4");
         Store store(root());
         QCOMPARE(store.totalCount(), 3);
         store.append(makeUtterance("5", "last"));
@@ -105,8 +100,9 @@ private slots:
         QFETCH(QJsonValue, asrMS);
         QJsonObject edited = makeUtterance("2", "edited").toJson();
         edited.insert("asrMS", asrMS);
-        writeFile(history(), line(makeUtterance("1", "first")) + QJsonDocument(edited).toJson(QJsonDocument::Compact) +
-                                 '\n' + line(makeUtterance("3", "last")));
+        writeFileBytes(history(), line(makeUtterance("1", "first")) +
+                                      QJsonDocument(edited).toJson(QJsonDocument::Compact) + '\n' +
+                                      line(makeUtterance("3", "last")));
         Store store(root());
         QCOMPARE(store.recentTranscripts(5), (QStringList{"first", "last"}));
     }
@@ -214,27 +210,22 @@ private slots:
         // A directory where the history file belongs: every way of writing it fails.
         QVERIFY(QDir(root()).mkdir(QStringLiteral("history.jsonl")));
         Store store(root(), RetentionLimits{maxEntries, 8388608, 100, 1 << 20});
-        QStringList errors;
-        Log::setObserver([&](const QString &level, const QString &message) {
-            if (level == QLatin1String("ERROR"))
-                errors.append(message);
-        });
+        LogRecorder log;
         store.append(makeUtterance("1", QString(textLength, QLatin1Char('x'))));
         store.drain();
-        Log::setObserver({});
-        QCOMPARE(errors.size(), 1);
-        QVERIFY2(errors.first().startsWith("Could not store a history entry: "), qPrintable(errors.first()));
+        QCOMPARE(log.lines.size(), 1);
+        QVERIFY2(log.lines.first().startsWith("ERROR Could not store a history entry: "),
+                 qPrintable(log.lines.first()));
         QVERIFY(!QFile::exists(history() + ".tmp"));
     }
 
     void tooLargeEntryIsRefused() {
         Store store(root());
         store.append(makeUtterance("1", "kept"));
-        QStringList warnings;
-        Log::setObserver([&](const QString &level, const QString &message) { warnings.append(level + " " + message); });
+        LogRecorder log;
         store.append(makeUtterance("2", QString(8388608, QLatin1Char('x'))));
-        Log::setObserver({});
-        QCOMPARE(warnings, QStringList{"WARN A history item exceeded the local retention ceiling and was not stored."});
+        QCOMPARE(log.lines,
+                 QStringList{"WARN A history item exceeded the local retention ceiling and was not stored."});
         QCOMPARE(store.recentTranscripts(5), QStringList{"kept"});
         QCOMPARE(store.totalCount(), 1);
     }
@@ -293,11 +284,11 @@ private slots:
         Store store(root());
         store.append(makeUtterance("1", "secret"));
         const QString recording = store.audioURL("1");
-        writeFile(recording, "RIFF");
+        writeFileBytes(recording, "RIFF");
         store.didWriteAudio(recording);
         store.ensureVocabularyFile();
-        writeFile(root() + "/config.json", "{}");
-        writeFile(history() + ".tmp", "{\"shippedText\":\"secret\"}\n");
+        writeFileBytes(root() + "/config.json", "{}");
+        writeFileBytes(history() + ".tmp", "{\"shippedText\":\"secret\"}\n");
 
         QObject context;
         std::optional<std::optional<QString>> outcome;

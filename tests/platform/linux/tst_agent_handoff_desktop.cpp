@@ -1,4 +1,5 @@
 #include "LogRecorder.h"
+#include "QuorvaneProcess.h"
 #include "TempGitRepository.h"
 #include "core/Async.h"
 #include "core/QuorvaneError.h"
@@ -44,8 +45,7 @@ QByteArray standInAgent(const QString &banner, const QString &record) {
 }
 
 QString contents(const QString &path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    return QString::fromUtf8(readFileBytes(path));
 }
 
 } // namespace

@@ -46,12 +46,15 @@ QList<std::pair<QByteArray, QByteArray>> clipboardFormats() {
     return formats;
 }
 
-namespace {
-
-// The first visible window titled exactly `title`, or empty.
 QString windowNamed(const QString &title) {
     const ToolRun run = runTool("xdotool", {"search", "--onlyvisible", "--name", '^' + title + '$'});
     return QString::fromLatin1(run.output).section('\n', 0, 0).trimmed();
+}
+
+QString awaitWindow(const QString &title, int timeoutMs) {
+    QString id;
+    (void)QTest::qWaitFor([&] { return !(id = windowNamed(title)).isEmpty(); }, timeoutMs);
+    return id;
 }
 
 QRect windowGeometry(const QString &window) {
@@ -62,8 +65,6 @@ QRect windowGeometry(const QString &window) {
     };
     return {field("Absolute upper-left X:"), field("Absolute upper-left Y:"), field("Width:"), field("Height:")};
 }
-
-} // namespace
 
 TrayHost::TrayHost() {
     m_process.start("trayer", {"--edge", "top", "--align", "right", "--widthtype", "request", "--height", "28",
@@ -168,10 +169,19 @@ DictationApp::DictationApp(const QUrl &whisperServer, const AppSetup &setup) {
 }
 
 DictationApp::~DictationApp() {
+    stop();
+}
+
+void DictationApp::stop() {
     m_process.terminate();
     if (!m_process.waitForFinished(5000))
         m_process.kill();
     m_process.waitForFinished();
+}
+
+void DictationApp::restart() {
+    stop();
+    m_process.start(QUORVANE_BINARY, QStringList{});
 }
 
 bool DictationApp::awaitReady() {

@@ -25,6 +25,11 @@ ToolRun runTool(const QString &program, const QStringList &arguments, int timeou
 qint64 activeProcess();
 // Waits until the active window belongs to `pid`.
 bool awaitActive(qint64 pid);
+// The first visible window titled exactly `title`, or empty; awaitWindow waits for one.
+QString windowNamed(const QString &title);
+QString awaitWindow(const QString &title, int timeoutMs);
+// Where `window` is on the screen.
+QRect windowGeometry(const QString &window);
 // Every format the clipboard offers, with its bytes; Xlib's bookkeeping targets left out.
 QList<std::pair<QByteArray, QByteArray>> clipboardFormats();
 
@@ -92,6 +97,9 @@ public:
 
     // Waits until the hotkey is armed and the microphone warm.
     bool awaitReady();
+    // Stops the app and starts it again in the same data folder, settings as it left them.
+    void restart();
+    bool running() const { return m_process.state() == QProcess::Running; }
     // The log lines written so far.
     QStringList log() const;
     // The first line from index `from` on that contains `needle`, within `timeoutMs`.
@@ -100,6 +108,8 @@ public:
     QString home() const { return m_home.path(); }
 
 private:
+    void stop();
+
     QTemporaryDir m_home;
     QProcess m_process;
 };

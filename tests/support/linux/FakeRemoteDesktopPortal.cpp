@@ -4,30 +4,14 @@
 #include <QDBusObjectPath>
 #include <QDBusUnixFileDescriptor>
 #include <QDBusVariant>
-#include <QDBusVirtualObject>
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 namespace {
 
-const QString service = QStringLiteral("org.freedesktop.portal.Desktop");
-const QString root = QStringLiteral("/org/freedesktop/portal/desktop");
 const QString remoteDesktop = QStringLiteral("org.freedesktop.portal.RemoteDesktop");
 const QString clipboard = QStringLiteral("org.freedesktop.portal.Clipboard");
-
-QString handlePath(const QString &sender, const QString &kind, const QString &token) {
-    QString name = sender.mid(1);
-    name.replace(QLatin1Char('.'), QLatin1Char('_'));
-    return root + QLatin1Char('/') + kind + QLatin1Char('/') + name + QLatin1Char('/') + token;
-}
-
-// A virtual object sees nested arguments undecoded.
-QVariantMap mapOf(const QVariant &value) {
-    if (value.canConvert<QDBusArgument>())
-        return qdbus_cast<QVariantMap>(value.value<QDBusArgument>());
-    return value.toMap();
-}
 
 QString pathOf(const QVariant &value) {
     return value.value<QDBusObjectPath>().path();
@@ -52,43 +36,15 @@ std::optional<QByteArray> drain(int fd) {
 
 } // namespace
 
-class FakeRemoteDesktopPortal::Handler final : public QDBusVirtualObject {
-public:
-    explicit Handler(FakeRemoteDesktopPortal &portal) : m_portal(portal) {}
-    QString introspect(const QString &) const override { return {}; }
-    bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override {
-        return m_portal.handle(message, connection);
-    }
-
-private:
-    FakeRemoteDesktopPortal &m_portal;
-};
-
 FakeRemoteDesktopPortal::FakeRemoteDesktopPortal(Offers offers)
-    : m_offers(offers),
-      m_bus(QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("fake-remote-desktop-portal"))) {
-    m_thread.start();
-    m_handler = new Handler(*this);
-    m_handler->moveToThread(&m_thread);
-    bool registered = false;
-    QMetaObject::invokeMethod(
-        m_handler,
-        [this, &registered] { registered = m_bus.registerVirtualObject(root, m_handler, QDBusConnection::SubPath); },
-        Qt::BlockingQueuedConnection);
-    m_serving = registered && m_bus.registerService(service);
+    : FakePortal(QStringLiteral("fake-remote-desktop-portal")), m_offers(offers) {
+    serve();
 }
 
 FakeRemoteDesktopPortal::~FakeRemoteDesktopPortal() {
-    m_bus.unregisterService(service);
-    m_bus.unregisterObject(root, QDBusConnection::UnregisterTree);
-    Handler *handler = m_handler;
-    QMetaObject::invokeMethod(
-        handler, [handler] { delete handler; }, Qt::BlockingQueuedConnection);
-    m_thread.quit();
-    m_thread.wait();
+    stopServing();
     for (std::thread &reader : m_readers)
         reader.join();
-    QDBusConnection::disconnectFromBus(QStringLiteral("fake-remote-desktop-portal"));
 }
 
 QList<QVariantMap> FakeRemoteDesktopPortal::deviceSelections() const {
@@ -168,10 +124,7 @@ void FakeRemoteDesktopPortal::closeSession() {
         session = std::exchange(m_session, {});
         m_started = false;
     }
-    QDBusMessage closed =
-        QDBusMessage::createSignal(session, QStringLiteral("org.freedesktop.portal.Session"), QStringLiteral("Closed"));
-    closed << QVariantMap();
-    m_bus.send(closed);
+    sessionClosed(session);
 }
 
 void FakeRemoteDesktopPortal::ownerChanged(const QStringList &types, bool sessionIsOwner) {
@@ -184,14 +137,6 @@ void FakeRemoteDesktopPortal::ownerChanged(const QStringList &types, bool sessio
     changed << QVariant::fromValue(QDBusObjectPath(session))
             << QVariantMap{{QStringLiteral("mime_types"), types}, {QStringLiteral("session_is_owner"), sessionIsOwner}};
     m_bus.send(changed);
-}
-
-void FakeRemoteDesktopPortal::respond(const QDBusConnection &connection, const QString &requestPath, uint response,
-                                      const QVariantMap &results) {
-    QDBusMessage signal = QDBusMessage::createSignal(requestPath, QStringLiteral("org.freedesktop.portal.Request"),
-                                                     QStringLiteral("Response"));
-    signal << response << results;
-    connection.send(signal);
 }
 
 bool FakeRemoteDesktopPortal::handle(const QDBusMessage &message, const QDBusConnection &connection) {

@@ -1,37 +1,28 @@
 #pragma once
 
+#include "FakePortal.h"
 #include "platform/DesktopTextBackend.h"
 
-#include <QDBusConnection>
-#include <QDBusMessage>
 #include <QHash>
 #include <QList>
 #include <QPair>
 #include <QString>
-#include <QThread>
-#include <QVariantMap>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
 
-// A desktop portal on the session bus, on a connection and thread of its own, offering
-// RemoteDesktop (keyboard) and, if asked, Clipboard as the portal documents them. The test plays
-// the desktop's side: the user's answer to the dialog, an application pasting (the portal asks the
-// session's owner for the data through SelectionTransfer and an fd), another application copying,
-// and the session being closed.
-class FakeRemoteDesktopPortal final {
+// A desktop portal offering RemoteDesktop (keyboard) and, if asked, Clipboard as the portal documents them. The test
+// plays the desktop's side: the user's answer to the dialog, an application pasting (the portal asks the session's
+// owner for the data through SelectionTransfer and an fd), another application copying, and the session being closed.
+class FakeRemoteDesktopPortal final : public FakePortal {
 public:
     enum class Offers { keyboardAndClipboard, keyboardOnly };
     using Key = QPair<int, uint>; // evdev keycode, 1 pressed / 0 released
 
     explicit FakeRemoteDesktopPortal(Offers offers = Offers::keyboardAndClipboard);
     ~FakeRemoteDesktopPortal();
-    FakeRemoteDesktopPortal(const FakeRemoteDesktopPortal &) = delete;
-    FakeRemoteDesktopPortal &operator=(const FakeRemoteDesktopPortal &) = delete;
-
-    bool isServing() const { return m_serving; }
 
     // The options of every SelectDevices so far.
     QList<QVariantMap> deviceSelections() const;
@@ -54,11 +45,9 @@ public:
     void copyElsewhere(const DesktopTextBackend::ClipboardItem &formats);
     void closeSession();
 
-    // Called on the portal's thread for every call to it.
-    bool handle(const QDBusMessage &message, const QDBusConnection &connection);
+    bool handle(const QDBusMessage &message, const QDBusConnection &connection) override;
 
 private:
-    class Handler;
     struct Transfer {
         QString mimeType;
         std::optional<QByteArray> received;
@@ -66,15 +55,9 @@ private:
     };
 
     bool handleClipboard(const QDBusMessage &message, const QDBusConnection &connection);
-    void respond(const QDBusConnection &connection, const QString &requestPath, uint response,
-                 const QVariantMap &results);
     void ownerChanged(const QStringList &types, bool sessionIsOwner);
 
     const Offers m_offers;
-    QThread m_thread;
-    QDBusConnection m_bus;
-    Handler *m_handler = nullptr;
-    bool m_serving = false;
 
     mutable std::mutex m_lock;
     QString m_session;

@@ -2,73 +2,26 @@
 
 #include "platform/linux/wayland/GlobalShortcutsSession.h"
 
-#include <QDBusConnectionInterface>
 #include <QDBusMetaType>
 #include <QDBusObjectPath>
 #include <QDBusVariant>
-#include <QDBusVirtualObject>
 #include <QDateTime>
 
 namespace {
 
-const QString service = QStringLiteral("org.freedesktop.portal.Desktop");
-const QString root = QStringLiteral("/org/freedesktop/portal/desktop");
 const QString shortcutsInterface = QStringLiteral("org.freedesktop.portal.GlobalShortcuts");
-
-// Where the portal puts a caller's request or session: ":1.42" and "t" give ".../1_42/t".
-QString handlePath(const QString &sender, const QString &kind, const QString &token) {
-    QString name = sender.mid(1);
-    name.replace(QLatin1Char('.'), QLatin1Char('_'));
-    return root + QLatin1Char('/') + kind + QLatin1Char('/') + name + QLatin1Char('/') + token;
-}
-
-// A virtual object sees nested arguments undecoded.
-QVariantMap mapOf(const QVariant &value) {
-    if (value.canConvert<QDBusArgument>())
-        return qdbus_cast<QVariantMap>(value.value<QDBusArgument>());
-    return value.toMap();
-}
 
 } // namespace
 
-class FakeShortcutsPortal::Handler final : public QDBusVirtualObject {
-public:
-    explicit Handler(FakeShortcutsPortal &portal) : m_portal(portal) {}
-    QString introspect(const QString &) const override { return {}; }
-    bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override {
-        return m_portal.handle(message, connection);
-    }
-
-private:
-    FakeShortcutsPortal &m_portal;
-};
-
 FakeShortcutsPortal::FakeShortcutsPortal(Offers offers)
-    : m_offers(offers),
-      m_bus(QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("fake-shortcuts-portal"))) {
+    : FakePortal(QStringLiteral("fake-shortcuts-portal")), m_offers(offers) {
     qDBusRegisterMetaType<PortalShortcut>();
     qDBusRegisterMetaType<QList<PortalShortcut>>();
-    m_thread.start();
-    m_handler = new Handler(*this);
-    m_handler->moveToThread(&m_thread);
-    // From the handler's own thread: the connection hangs an object of its own on it.
-    bool registered = false;
-    QMetaObject::invokeMethod(
-        m_handler,
-        [this, &registered] { registered = m_bus.registerVirtualObject(root, m_handler, QDBusConnection::SubPath); },
-        Qt::BlockingQueuedConnection);
-    m_serving = registered && m_bus.registerService(service);
+    serve();
 }
 
 FakeShortcutsPortal::~FakeShortcutsPortal() {
-    m_bus.unregisterService(service);
-    m_bus.unregisterObject(root, QDBusConnection::UnregisterTree);
-    Handler *handler = m_handler;
-    QMetaObject::invokeMethod(
-        handler, [handler] { delete handler; }, Qt::BlockingQueuedConnection);
-    m_thread.quit();
-    m_thread.wait();
-    QDBusConnection::disconnectFromBus(QStringLiteral("fake-shortcuts-portal"));
+    stopServing();
 }
 
 int FakeShortcutsPortal::sessionsCreated() const {
@@ -104,10 +57,7 @@ void FakeShortcutsPortal::activateElsewhere(const QString &id) {
 }
 
 void FakeShortcutsPortal::closeSession() {
-    QDBusMessage closed = QDBusMessage::createSignal(newestSession(), QStringLiteral("org.freedesktop.portal.Session"),
-                                                     QStringLiteral("Closed"));
-    closed << QVariantMap();
-    m_bus.send(closed);
+    sessionClosed(newestSession());
 }
 
 void FakeShortcutsPortal::shortcutSignal(const QString &member, const QString &sessionPath, const QString &id) {
@@ -115,14 +65,6 @@ void FakeShortcutsPortal::shortcutSignal(const QString &member, const QString &s
     signal << QVariant::fromValue(QDBusObjectPath(sessionPath)) << id << qulonglong(QDateTime::currentMSecsSinceEpoch())
            << QVariantMap();
     m_bus.send(signal);
-}
-
-void FakeShortcutsPortal::respond(const QDBusConnection &connection, const QString &requestPath, uint response,
-                                  const QVariantMap &results) {
-    QDBusMessage signal = QDBusMessage::createSignal(requestPath, QStringLiteral("org.freedesktop.portal.Request"),
-                                                     QStringLiteral("Response"));
-    signal << response << results;
-    connection.send(signal);
 }
 
 bool FakeShortcutsPortal::handle(const QDBusMessage &message, const QDBusConnection &connection) {
