@@ -77,9 +77,11 @@ void PasteTextInjector::inject(const QString &text) {
     EarlyReads reads = currentReads(std::move(early), ElementCheck::askElement);
     if (reads.secure)
         throw QuorvaneError(QuorvaneError::Case::secureTextSelected);
-    // A paste within 0.35 s of the last one snapshots our own earlier text: the earlier restore is
-    // skipped (the count moved) and this snapshot, holding that text, is what comes back.
     DesktopTextBackend::ClipboardSnapshot snapshot = std::move(reads.snapshot);
+    // A paste within 0.35 s of the last one finds that one's text still on the clipboard: what the
+    // user had before it is what must come back.
+    if (m_pending && reads.changeCount == m_pending->changeCount)
+        snapshot = m_pending->snapshot;
 
     if (!m_backend->writeText(text))
         throw QuorvaneError::injectionFailed(QStringLiteral("could not write to the pasteboard"));

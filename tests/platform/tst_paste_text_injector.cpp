@@ -87,9 +87,10 @@ private slots:
         QTest::newRow("empty stays empty") << Clipboard{} << "" << Clipboard{} << Clipboard{};
         const Clipboard mine = ScriptedTextBackend::plainText("mine");
         QTest::newRow("user copies") << rich << "user copies" << mine << mine;
-        // The first restore is skipped; the second snapshot, our first text, is what comes back.
+        // The first restore gives way to the second, which brings back the user's clipboard, not
+        // the first dictation.
         QTest::newRow("second injection")
-            << rich << "second injection" << ScriptedTextBackend::plainText("again") << injected;
+            << rich << "second injection" << ScriptedTextBackend::plainText("again") << rich;
         QTest::newRow("chord fails") << rich << "chord fails" << injected << injected;
     }
     void restoresClipboard() {

@@ -166,32 +166,10 @@ bool initialised() {
 
 } // namespace
 
-std::unique_ptr<FocusedElement> focusedElementOf(qint32 processID) {
-    if (processID <= 0 || !initialised())
-        return nullptr;
-    Accessible desktop(atspi_get_desktop(0));
-    if (!desktop)
-        return nullptr;
-    GError *error = nullptr;
-    const gint count = atspi_accessible_get_child_count(desktop.get(), &error);
-    dropError(error);
-    for (gint i = 0; i < count; ++i) {
-        Accessible application(atspi_accessible_get_child_at_index(desktop.get(), i, &error));
-        dropError(error);
-        if (!application)
-            continue;
-        const guint pid = atspi_accessible_get_process_id(application.get(), &error);
-        dropError(error);
-        if (qint32(pid) != processID)
-            continue;
-        int visited = 0;
-        if (Accessible focused = findFocused(application.get(), 0, visited))
-            return std::make_unique<AtspiElement>(std::move(focused));
-    }
-    return nullptr;
-}
+namespace {
 
-std::unique_ptr<FocusedElement> focusedElementInActiveWindow() {
+// The focused element under the first of the desktop's applications for which `search` finds one.
+template <typename Search> std::unique_ptr<FocusedElement> searchApplications(Search search) {
     if (!initialised())
         return nullptr;
     Accessible desktop(atspi_get_desktop(0));
@@ -205,20 +183,45 @@ std::unique_ptr<FocusedElement> focusedElementInActiveWindow() {
         dropError(error);
         if (!application)
             continue;
-        const gint windows = atspi_accessible_get_child_count(application.get(), &error);
-        dropError(error);
-        for (gint w = 0; w < windows; ++w) {
-            Accessible window(atspi_accessible_get_child_at_index(application.get(), w, &error));
-            dropError(error);
-            // Every application remembers its own focus; only the active window's is the user's.
-            if (!window || !hasState(window.get(), ATSPI_STATE_ACTIVE))
-                continue;
-            int visited = 0;
-            if (Accessible focused = findFocused(window.get(), 0, visited))
-                return std::make_unique<AtspiElement>(std::move(focused));
-        }
+        if (Accessible focused = search(application.get()))
+            return std::make_unique<AtspiElement>(std::move(focused));
     }
     return nullptr;
+}
+
+Accessible focusedUnder(AtspiAccessible *root) {
+    int visited = 0;
+    return findFocused(root, 0, visited);
+}
+
+} // namespace
+
+std::unique_ptr<FocusedElement> focusedElementOf(qint32 processID) {
+    if (processID <= 0)
+        return nullptr;
+    return searchApplications([processID](AtspiAccessible *application) -> Accessible {
+        GError *error = nullptr;
+        const guint pid = atspi_accessible_get_process_id(application, &error);
+        dropError(error);
+        return qint32(pid) == processID ? focusedUnder(application) : Accessible();
+    });
+}
+
+std::unique_ptr<FocusedElement> focusedElementInActiveWindow() {
+    return searchApplications([](AtspiAccessible *application) -> Accessible {
+        GError *error = nullptr;
+        const gint windows = atspi_accessible_get_child_count(application, &error);
+        dropError(error);
+        for (gint w = 0; w < windows; ++w) {
+            Accessible window(atspi_accessible_get_child_at_index(application, w, &error));
+            dropError(error);
+            // Every application remembers its own focus; only the active window's is the user's.
+            if (window && hasState(window.get(), ATSPI_STATE_ACTIVE))
+                if (Accessible focused = focusedUnder(window.get()))
+                    return focused;
+        }
+        return Accessible();
+    });
 }
 
 } // namespace AtspiFocus
