@@ -53,7 +53,7 @@ public:
 
     // "dictate", "edit", "prompt": the ids the desktop shows and remembers.
     static QString shortcutId(PipelineMode mode);
-    // The key we ask for, as the shortcut spec names keys (an xkb keysym on its own).
+    // The key we ask for, named as the portal expects shortcut keys (an xkb keysym on its own).
     static QString preferredTrigger(PushToTalkKey key);
 
     // The session on the session bus, shared by the mode keys while any of them listens.
