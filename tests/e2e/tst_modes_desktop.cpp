@@ -326,7 +326,10 @@ private slots:
         QVERIFY(compilation != bodies.rend());
         const QString sent = compilation->value("prompt").toString();
         QVERIFY2(sent.contains("Repository: quorvane-demo\nBranch: main\n"), qPrintable(sent));
-        // The last line waits in the terminal for its Return.
+        // xterm fetches the pasted text from us after the keystroke: once every line but the last
+        // has reached the file, the last one waits in the terminal for its Return.
+        QVERIFY(prompt.contains('\n'));
+        QTRY_COMPARE_WITH_TIMEOUT(contents(typed), prompt.left(prompt.lastIndexOf('\n') + 1), 5000);
         runTool("xdotool", {"key", "Return"});
         QTRY_COMPARE_WITH_TIMEOUT(contents(typed), prompt + "\n", 5000);
     }
