@@ -72,10 +72,14 @@ private Q_SLOTS:
         QVERIFY(shot.width() >= 500 && shot.height() >= 300);
         QVERIFY2(distinctColours(shot) > 8, "the window is blank");
 
-        runTool("xdotool", {"windowactivate", "--sync", window});
-        runTool("xdotool", {"key", "alt+F4"});
-        // Generous limits: under the sanitizers the app is several times slower.
-        QTRY_VERIFY_WITH_TIMEOUT(windowNamed(onboarding).isEmpty(), 30000);
+        // Generous limits: under the sanitizers the app is several times slower, and a key sent
+        // while the window manager is still busy activating may land nowhere, so it is sent again.
+        for (int attempt = 0; attempt < 3 && !windowNamed(onboarding).isEmpty(); ++attempt) {
+            runTool("xdotool", {"windowactivate", "--sync", window});
+            runTool("xdotool", {"key", "alt+F4"});
+            (void)QTest::qWaitFor([&] { return windowNamed(onboarding).isEmpty(); }, 10000);
+        }
+        QVERIFY(windowNamed(onboarding).isEmpty());
         QTRY_VERIFY_WITH_TIMEOUT(
             QJsonDocument::fromJson(readFileBytes(app.home() + "/config.json"))["didCompleteOnboarding"].toBool(),
             30000);
@@ -102,8 +106,12 @@ private Q_SLOTS:
         // Text on a plain menu background: many rows of dark pixels on light, not an empty frame.
         QVERIFY2(pixelsUnlike(root, area, root.pixel(area.left() + 2, area.bottom() - 2)) > 2000,
                  "the menu has no entries");
-        runTool("xdotool", {"key", "Escape"});
-        QTRY_VERIFY_WITH_TIMEOUT(!TrayHost::menuOpen(), 3000);
+        // A menu that has not yet grabbed the keyboard misses the key; it is sent again then.
+        for (int attempt = 0; attempt < 3 && TrayHost::menuOpen(); ++attempt) {
+            runTool("xdotool", {"key", "Escape"});
+            (void)QTest::qWaitFor([] { return !TrayHost::menuOpen(); }, 5000);
+        }
+        QVERIFY(!TrayHost::menuOpen());
     }
 
     // Holding the key while speech plays: the overlay shows, its meter rises with the voice, and the
