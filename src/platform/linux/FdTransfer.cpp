@@ -1,9 +1,11 @@
 #include "platform/linux/FdTransfer.h"
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace FdTransfer {
@@ -38,6 +40,39 @@ template <typename Wait> bool writeLoop(int fd, const QByteArray &data, Wait wai
 int remainingMs(Clock::time_point deadline) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
     return left > 0 ? int(left) : 0;
+}
+
+int connectLocal(const QString &path) {
+    const QByteArray encoded = path.toLocal8Bit();
+    sockaddr_un address{};
+    if (encoded.isEmpty() || size_t(encoded.size()) >= sizeof address.sun_path)
+        return -1;
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, encoded.constData(), size_t(encoded.size()));
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+std::optional<QByteArray> readExactly(int fd, qsizetype size, Clock::time_point deadline) {
+    QByteArray data(size, '\0');
+    qsizetype got = 0;
+    while (got < size) {
+        pollfd readable{fd, POLLIN, 0};
+        if (poll(&readable, 1, remainingMs(deadline)) <= 0)
+            return std::nullopt;
+        const ssize_t read = ::read(fd, data.data() + got, size_t(size - got));
+        if (read == 0 || (read < 0 && errno != EINTR && errno != EAGAIN))
+            return std::nullopt;
+        if (read > 0)
+            got += read;
+    }
+    return data;
 }
 
 std::optional<QByteArray> readToEnd(int fd, Clock::time_point deadline, qsizetype maxBytes) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QString>
 #include <chrono>
 #include <optional>
 
@@ -12,6 +13,12 @@ using Clock = std::chrono::steady_clock;
 
 // Milliseconds left until `deadline`, never negative.
 int remainingMs(Clock::time_point deadline);
+
+// A connected Unix stream socket (close-on-exec) to `path`, or -1.
+int connectLocal(const QString &path);
+
+// Reads exactly `size` bytes; nullopt when the deadline passes first or the other end closes early.
+std::optional<QByteArray> readExactly(int fd, qsizetype size, Clock::time_point deadline);
 
 // Reads until the other end closes. nullopt when the deadline passes first, on an error, or when
 // more than `maxBytes` arrive.

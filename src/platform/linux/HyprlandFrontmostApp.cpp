@@ -6,10 +6,6 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <chrono>
-#include <cstring>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
@@ -37,19 +33,12 @@ QString HyprlandFrontmostApp::socketPath(const QString &runtimeDir, const QStrin
 }
 
 std::optional<QByteArray> HyprlandFrontmostApp::request(const QString &socketPath, const QByteArray &command) {
-    const QByteArray path = socketPath.toLocal8Bit();
-    sockaddr_un address{};
-    if (path.isEmpty() || size_t(path.size()) >= sizeof address.sun_path)
-        return std::nullopt;
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = FdTransfer::connectLocal(socketPath);
     if (fd < 0)
         return std::nullopt;
     const auto deadline = Clock::now() + requestDeadline;
     std::optional<QByteArray> reply;
-    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
-        FdTransfer::writeAll(fd, command, deadline))
+    if (FdTransfer::writeAll(fd, command, deadline))
         reply = FdTransfer::readToEnd(fd, deadline, maxReply);
     close(fd);
     return reply;

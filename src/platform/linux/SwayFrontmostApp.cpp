@@ -1,19 +1,17 @@
 #include "platform/linux/SwayFrontmostApp.h"
 
 #include "core/Log.h"
+#include "platform/linux/FdTransfer.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <chrono>
 #include <cstring>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = FdTransfer::Clock;
 
 constexpr quint32 getTree = 4;
 constexpr quint32 getVersion = 7;
@@ -22,22 +20,6 @@ constexpr auto requestDeadline = std::chrono::milliseconds(500);
 // A tree of many workspaces is a few hundred kilobytes; anything far larger is not sway talking.
 constexpr quint32 maxReply = 32 * 1024 * 1024;
 const QByteArray magic = QByteArrayLiteral("i3-ipc");
-
-bool transfer(int fd, char *data, size_t size, bool sending, Clock::time_point deadline) {
-    size_t done = 0;
-    while (done < size) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        pollfd ready{fd, short(sending ? POLLOUT : POLLIN), 0};
-        if (left <= 0 || poll(&ready, 1, int(left)) <= 0)
-            return false;
-        const ssize_t moved =
-            sending ? send(fd, data + done, size - done, MSG_NOSIGNAL) : recv(fd, data + done, size - done, 0);
-        if (moved <= 0)
-            return false;
-        done += size_t(moved);
-    }
-    return true;
-}
 
 std::optional<SwayFrontmostApp::Window> search(const QJsonObject &node) {
     if (node.value(QLatin1String("focused")).toBool() && node.contains(QLatin1String("pid"))) {
@@ -63,32 +45,24 @@ SwayFrontmostApp::SwayFrontmostApp(QString socketPath) : m_socketPath(std::move(
 
 std::optional<QByteArray> SwayFrontmostApp::request(const QString &socketPath, quint32 type,
                                                     const QByteArray &payload) {
-    const QByteArray path = socketPath.toLocal8Bit();
-    sockaddr_un address{};
-    if (path.isEmpty() || size_t(path.size()) >= sizeof address.sun_path)
-        return std::nullopt;
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = FdTransfer::connectLocal(socketPath);
     if (fd < 0)
         return std::nullopt;
     const auto deadline = Clock::now() + requestDeadline;
-    std::optional<QByteArray> reply;
     // The header's numbers are in the host's byte order, as the compositor runs on this machine.
     QByteArray message = magic;
     const quint32 header[2] = {quint32(payload.size()), type};
     message.append(reinterpret_cast<const char *>(header), sizeof header);
     message.append(payload);
-    quint32 answer[2] = {};
-    QByteArray answerMagic(magic.size(), '\0');
-    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
-        transfer(fd, message.data(), size_t(message.size()), true, deadline) &&
-        transfer(fd, answerMagic.data(), size_t(answerMagic.size()), false, deadline) && answerMagic == magic &&
-        transfer(fd, reinterpret_cast<char *>(answer), sizeof answer, false, deadline) && answer[1] == type &&
-        answer[0] <= maxReply) {
-        QByteArray body(qsizetype(answer[0]), '\0');
-        if (transfer(fd, body.data(), size_t(body.size()), false, deadline))
-            reply = std::move(body);
+    std::optional<QByteArray> reply;
+    std::optional<QByteArray> answer;
+    if (FdTransfer::writeAll(fd, message, deadline) &&
+        (answer = FdTransfer::readExactly(fd, magic.size() + qsizetype(sizeof header), deadline)) &&
+        answer->startsWith(magic)) {
+        quint32 answered[2] = {};
+        std::memcpy(answered, answer->constData() + magic.size(), sizeof answered);
+        if (answered[1] == type && answered[0] <= maxReply)
+            reply = FdTransfer::readExactly(fd, qsizetype(answered[0]), deadline);
     }
     close(fd);
     return reply;
