@@ -89,8 +89,13 @@ bool TrayHost::openMenu() {
     if (!QTest::qWaitFor([&] { return (tray = windowGeometry(m_panel)).width() >= 16; }, 20000))
         return false;
     const QPoint icon = tray.center();
-    runTool("xdotool", {"mousemove", QString::number(icon.x()), QString::number(icon.y()), "click", "1"});
-    return QTest::qWaitFor(menuOpen, 10000);
+    // An icon that docked before the app was free to answer can miss a click: click again then.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        runTool("xdotool", {"mousemove", QString::number(icon.x()), QString::number(icon.y()), "click", "1"});
+        if (QTest::qWaitFor(menuOpen, 8000))
+            return true;
+    }
+    return false;
 }
 
 TargetWindow::TargetWindow(const QString &platform) {
