@@ -16,6 +16,7 @@
 #include <chrono>
 #include <poll.h>
 #include <thread>
+#include <utility>
 
 // Xlib's macros (None, Bool, KeyPress…) collide with Qt's names: it comes after every Qt header.
 #include <X11/XKBlib.h>
@@ -286,7 +287,8 @@ DesktopTextBackend::ClipboardSnapshot X11TextBackend::readClipboard() {
 
 bool X11TextBackend::writeText(const QString &text) {
     QClipboard *clipboard = QGuiApplication::clipboard();
-    const bool primaryToo = chordForActiveWindow() == PasteChord::shiftInsert && clipboard->supportsSelection();
+    m_chordOfWrite = chordForActiveWindow();
+    const bool primaryToo = m_chordOfWrite == PasteChord::shiftInsert && clipboard->supportsSelection();
     // Claims on PRIMARY (any selection of text) are not watched: writing it always needs a refresh.
     if (primaryToo)
         refreshQtServerTime();
@@ -314,6 +316,7 @@ bool X11TextBackend::writeText(const QString &text) {
 }
 
 void X11TextBackend::writeClipboard(const ClipboardSnapshot &items) {
+    m_chordOfWrite.reset();
     QClipboard *clipboard = QGuiApplication::clipboard();
     refreshQtServerTime();
     m_writing = true;
@@ -364,7 +367,8 @@ bool X11TextBackend::postPasteChord() {
     Display *x = m_display;
     waitForModifiersUp(x);
 
-    const PasteChord chord = chordForActiveWindow();
+    const std::optional<PasteChord> written = std::exchange(m_chordOfWrite, std::nullopt);
+    const PasteChord chord = written ? *written : chordForActiveWindow();
     const KeyCode control = XKeysymToKeycode(x, XK_Control_L);
     const KeyCode shift = XKeysymToKeycode(x, XK_Shift_L);
     if (chord == PasteChord::shiftInsert) {

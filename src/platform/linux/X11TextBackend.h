@@ -59,6 +59,9 @@ private:
     // Our own writes are counted where they happen; Qt's notice of them must not count twice.
     bool m_writing = false;
     QMetaObject::Connection m_changed;
+    // The chord found for the window in front by the last text write, which the paste keystroke
+    // follows at once: one look at the window's class serves both.
+    std::optional<PasteChord> m_chordOfWrite;
     // Never shown: a property change on it hands Qt a fresh server time.
     std::unique_ptr<QWindow> m_timeWindow;
 };
