@@ -217,8 +217,15 @@ void X11TextBackend::countOwnerChanges() {
 
 bool X11TextBackend::isTrusted() {
     Display *x = display();
-    int event = 0, error = 0, major = 0, minor = 0;
-    return x && XTestQueryExtension(x, &event, &error, &major, &minor);
+    if (!x)
+        return false;
+    // Each question is a round trip to the server, asked up to three times a paste, and the
+    // answer cannot change while the connection lives.
+    if (!m_hasXTest) {
+        int event = 0, error = 0, major = 0, minor = 0;
+        m_hasXTest = XTestQueryExtension(x, &event, &error, &major, &minor);
+    }
+    return *m_hasXTest;
 }
 
 std::unique_ptr<FocusedElement> X11TextBackend::focusedElement() {

@@ -43,6 +43,8 @@ private:
 
     _XDisplay *m_display = nullptr;
     unsigned long m_probeWindow = 0;
+    // Whether our connection has XTest, once asked.
+    std::optional<bool> m_hasXTest;
     // A spare keycode given the Latin v for layouts that have none; given back on destruction.
     unsigned char m_borrowedKeycode = 0;
     qint64 m_changeCount = 0;
