@@ -1,7 +1,6 @@
 #pragma once
 
 #include "core/QuorvaneError.h"
-#include "platform/CapturedAudio.h"
 #include "speech/AudioChunk.h"
 
 #include <QString>
@@ -34,12 +33,6 @@ public:
     // Hands over the utterance's samples once, when retaining was on (none otherwise), so that
     // the recording can be written later and elsewhere than on the main thread.
     virtual RetainedAudio takeRetainedAudio() = 0;
-    // Writes the utterance's samples as WAV when retaining was on; otherwise writes nothing.
-    void writeRetainedAudio(const QString &path) {
-        const RetainedAudio audio = takeRetainedAudio();
-        if (!audio.samples.empty() && audio.sampleRate > 0)
-            CapturedAudio::save(path, audio.samples, audio.sampleRate);
-    }
     // Opens the microphone without recording, so the next utterance starts at once and with its
     // pre-roll. Captures without a warm state ignore it.
     virtual void warmUp(double sampleRate) { (void)sampleRate; }

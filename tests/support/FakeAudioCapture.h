@@ -1,9 +1,7 @@
 #pragma once
 
 #include "platform/AudioCapturing.h"
-#include "speech/WavEncoder.h"
 
-#include <QFile>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
