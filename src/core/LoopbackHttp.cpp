@@ -130,6 +130,9 @@ QCoro::Task<Attempt> attempt(const Target &target, int timeoutMs) {
 
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     socket->write(target.requestBytes);
+    // Sent now rather than when the event loop next looks at the socket, behind whatever else
+    // the main thread has queued meanwhile.
+    socket->flush();
 
     HttpResponseReader reader;
     for (;;) {

@@ -62,14 +62,38 @@ void Store::drain() const {
     m_queue.drain();
 }
 
-void Store::append(const Utterance &utterance) {
+std::optional<QByteArray> Store::entryLine(const Utterance &utterance) const {
     QByteArray line = QJsonDocument(utterance.toJson()).toJson(QJsonDocument::Compact);
     line.append('\n');
     if (line.size() > m_limits.maxHistoryBytes) {
         Log::warn(QStringLiteral("A history item exceeded the local retention ceiling and was not stored."));
-        return;
+        return std::nullopt;
     }
-    m_queue.async([this, line = std::move(line)] { appendLine(line); });
+    return line;
+}
+
+void Store::append(const Utterance &utterance) {
+    if (std::optional<QByteArray> line = entryLine(utterance))
+        m_queue.async([this, line = std::move(*line)] { appendLine(line); });
+}
+
+void Store::keepDelivered(Utterance utterance, RecordingWriter writeRecording, bool appendEntry) {
+    m_queue.async(
+        [this, utterance = std::move(utterance), writeRecording = std::move(writeRecording), appendEntry]() mutable {
+            utterance.audioFile.reset();
+            if (writeRecording) {
+                const QString path = audioURL(utterance.id);
+                if (writeRecording(path)) {
+                    Paths::protectFile(path);
+                    pruneAudio();
+                    utterance.audioFile = audioFileName(utterance.id);
+                }
+            }
+            if (!appendEntry)
+                return;
+            if (const std::optional<QByteArray> line = entryLine(utterance))
+                appendLine(*line);
+        });
 }
 
 void Store::loadIndex() const {
@@ -270,13 +294,17 @@ int Store::retainedAudioCount() const {
     return count;
 }
 
-QString Store::audioURL(const QString &utteranceID) const {
+QString Store::audioFileName(const QString &utteranceID) {
     // The identifier becomes a file name: nothing in it may lead out of the folder.
     static const QRegularExpression unsafe(QStringLiteral("[^A-Za-z0-9_-]"));
     QString name = utteranceID;
     name.replace(unsafe, QStringLiteral("_"));
+    return name + QStringLiteral(".wav");
+}
+
+QString Store::audioURL(const QString &utteranceID) const {
     Paths::makeProtectedDirectory(audioDirectory());
-    return audioDirectory() + QLatin1Char('/') + name + QStringLiteral(".wav");
+    return audioDirectory() + QLatin1Char('/') + audioFileName(utteranceID);
 }
 
 void Store::didWriteAudio(const QString &path) {

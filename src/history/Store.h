@@ -31,6 +31,12 @@ public:
 
     // Returns at once; the write happens on the store's queue.
     void append(const Utterance &utterance);
+    // Writes a recording at the path it is given; true when the file is there afterwards.
+    using RecordingWriter = std::function<bool(const QString &path)>;
+    // A delivered utterance: its recording (when there is a writer) and then its entry (when
+    // `appendEntry`), both on the queue and in that order, so the caller never waits on the disk and
+    // the entry names the recording only when it was written.
+    void keepDelivered(Utterance utterance, RecordingWriter writeRecording, bool appendEntry);
     // The delivered texts of the newest entries, at most `limit`, oldest first. Waits for queued appends.
     QStringList recentTranscripts(int limit) const;
     // The newest entries, at most `limit`, newest first. Waits for queued appends.
@@ -40,6 +46,8 @@ public:
 
     // Where the recording of `utteranceID` goes; creates the audio folder (700) on first use.
     QString audioURL(const QString &utteranceID) const;
+    // The file name within the audio folder.
+    static QString audioFileName(const QString &utteranceID);
     // After a recording was written at `path`: protects it (600) and prunes the recordings.
     void didWriteAudio(const QString &path);
 
@@ -64,6 +72,8 @@ private:
         qint64 bytes = 0;
     };
 
+    // The entry as one line of the history file; none (with a warning) when it is over the ceiling.
+    std::optional<QByteArray> entryLine(const Utterance &utterance) const;
     void loadIndex() const;
     void appendLine(const QByteArray &line);
     void appendInPlace(const QByteArray &line);

@@ -4,11 +4,10 @@
 #include "core/Log.h"
 #include "core/QuorvaneError.h"
 #include "formatting/PassthroughFormatter.h"
-#include "speech/WavEncoder.h"
+#include "platform/CapturedAudio.h"
 
 #include <QDateTime>
 #include <QFileInfo>
-#include <QSaveFile>
 
 void RunContext::clearPending() {
     selection.reset();
@@ -50,22 +49,28 @@ void RunServices::requireOriginalDestination(const RunContext &run) const {
         throw QuorvaneError(QuorvaneError::Case::destinationChanged);
 }
 
+Store::RecordingWriter RunServices::recordingWriter(const RunContext &run) const {
+    if (run.replay) {
+        // Kept when it failed only if recordings were kept then; the capture has moved on since.
+        return [held = run.replay](const QString &path) {
+            if (!QFileInfo::exists(path))
+                CapturedAudio::save(path, held->samples, held->sampleRate);
+            return QFileInfo::exists(path);
+        };
+    }
+    return [audio = std::make_shared<const RetainedAudio>(run.capture->takeRetainedAudio())](const QString &path) {
+        if (!audio->samples.empty() && audio->sampleRate > 0)
+            CapturedAudio::save(path, audio->samples, audio->sampleRate);
+        return QFileInfo::exists(path);
+    };
+}
+
 std::optional<QString> RunServices::retainAudio(const RunContext &run) const {
     const QString path = store.audioURL(run.utteranceID);
-    if (!run.replay) {
-        run.capture->writeRetainedAudio(path);
-    } else if (!QFileInfo::exists(path)) {
-        // Kept when it failed only if recordings were kept then; the capture has moved on since.
-        QSaveFile file(path);
-        if (file.open(QIODevice::WriteOnly)) {
-            file.write(WavEncoder::encode(run.replay->samples, run.replay->sampleRate));
-            file.commit();
-        }
-    }
-    if (!QFileInfo::exists(path))
+    if (!recordingWriter(run)(path))
         return std::nullopt;
     store.didWriteAudio(path);
-    return QFileInfo(path).fileName();
+    return Store::audioFileName(run.utteranceID);
 }
 
 Utterance RunServices::keep(const RunContext &run, const QString &raw, const QString &formatted, const QString &shipped,
@@ -86,10 +91,14 @@ Utterance RunServices::keep(const RunContext &run, const QString &raw, const QSt
     utterance.asrMS = timings.asrMS;
     utterance.formatMS = timings.formatMS;
     utterance.responseMS = sinceRelease(run);
-    if (config.retainAudio)
-        utterance.audioFile = retainAudio(run);
-    if (config.retainHistory)
-        store.append(utterance);
+    Store::RecordingWriter writeRecording;
+    if (config.retainAudio) {
+        writeRecording = recordingWriter(run);
+        // The name it gets once written; the stored entry names it only if it was.
+        utterance.audioFile = Store::audioFileName(run.utteranceID);
+    }
+    if (config.retainAudio || config.retainHistory)
+        store.keepDelivered(utterance, std::move(writeRecording), config.retainHistory);
     return utterance;
 }
 

@@ -108,10 +108,14 @@ struct RunServices {
     qint64 sinceRelease(const RunContext &run) const;
     // Throws destinationChanged when the application in front is not the one of key-down.
     void requireOriginalDestination(const RunContext &run) const;
-    // Keeps the run's recording when asked; returns its file name.
+    // Writes the run's recording now; returns its file name.
     std::optional<QString> retainAudio(const RunContext &run) const;
+    // What writes the run's recording: the capture's samples, taken now before the next recording
+    // can start, or the held ones of a retry unless they were written when the run failed.
+    Store::RecordingWriter recordingWriter(const RunContext &run) const;
     // The history entry of a delivered utterance (the shipped text stands in for a missing
-    // formatted one), its recording kept and the entry appended when the settings ask for them.
+    // formatted one). Its recording and the entry are written on the store's queue when the
+    // settings ask for them: the paste that just left must not wait on the disk, and a quit flushes them.
     Utterance keep(const RunContext &run, const QString &raw, const QString &formatted, const QString &shipped,
                    const QString &verdict, const Timings &timings) const;
 };

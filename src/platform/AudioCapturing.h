@@ -5,6 +5,13 @@
 
 #include <QString>
 #include <functional>
+#include <vector>
+
+// The samples an utterance kept for its recording, at their rate.
+struct RetainedAudio {
+    std::vector<float> samples;
+    double sampleRate = 0;
+};
 
 // The capture's verdict on the last recording.
 enum class AudioCaptureStatus { unknown, usable, noBuffers, digitalSilence };
@@ -23,8 +30,9 @@ public:
     virtual void start(double sampleRate, bool retainAudio) = 0;
     // Ends the utterance and settles lastCaptureStatus().
     virtual void stop() = 0;
-    // Writes the utterance's samples as WAV when retaining was on; otherwise writes nothing.
-    virtual void writeRetainedAudio(const QString &path) = 0;
+    // Hands over the utterance's samples once, when retaining was on (none otherwise), so that
+    // the recording can be written later and elsewhere than on the main thread.
+    virtual RetainedAudio takeRetainedAudio() = 0;
     // Opens the microphone without recording, so the next utterance starts at once and with its
     // pre-roll. Captures without a warm state ignore it.
     virtual void warmUp(double sampleRate) { (void)sampleRate; }
@@ -41,7 +49,7 @@ public:
     void prepare() override {}
     void start(double, bool) override { throw QuorvaneError(QuorvaneError::Case::noAudioInput); }
     void stop() override {}
-    void writeRetainedAudio(const QString &) override {}
+    RetainedAudio takeRetainedAudio() override { return {}; }
 
 private:
     std::function<void(const AudioChunk &)> m_onChunk;

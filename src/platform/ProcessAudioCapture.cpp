@@ -130,19 +130,12 @@ void ProcessAudioCapture::stop() {
     m_level = 0;
 }
 
-void ProcessAudioCapture::writeRetainedAudio(const QString &path) {
-    std::vector<float> samples;
-    bool retaining;
-    double rate;
-    {
-        std::lock_guard lock(m_lock);
-        samples = std::exchange(m_retained, {});
-        retaining = m_retainAudio;
-        rate = m_sampleRate;
-    }
-    if (!retaining || samples.empty())
-        return;
-    CapturedAudio::save(path, samples, rate);
+RetainedAudio ProcessAudioCapture::takeRetainedAudio() {
+    std::lock_guard lock(m_lock);
+    std::vector<float> samples = std::exchange(m_retained, {});
+    if (!m_retainAudio)
+        return {};
+    return RetainedAudio{std::move(samples), m_sampleRate};
 }
 
 float ProcessAudioCapture::currentLevel() const {

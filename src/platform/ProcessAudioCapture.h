@@ -22,7 +22,7 @@ public:
     void prepare() override {}
     void start(double sampleRate, bool retainAudio) override;
     void stop() override;
-    void writeRetainedAudio(const QString &path) override;
+    RetainedAudio takeRetainedAudio() override;
     float currentLevel() const override;
 
     const QStringList &commandTemplate() const { return m_commandTemplate; }

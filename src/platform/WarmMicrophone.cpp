@@ -456,17 +456,10 @@ void WarmMicrophone::runActiveCheck(qint64 generation, double rate, bool retainA
     armActiveCheckLocked(rate, retainAudio);
 }
 
-void WarmMicrophone::writeRetainedAudio(const QString &path) {
-    std::vector<float> samples;
-    double rate;
-    bool retaining;
-    {
-        std::lock_guard state(m_stateLock);
-        samples = std::exchange(m_retained, {});
-        rate = m_targetRate;
-        retaining = m_retainAudio;
-    }
-    if (!retaining || samples.empty() || rate == 0)
-        return;
-    CapturedAudio::save(path, samples, rate);
+RetainedAudio WarmMicrophone::takeRetainedAudio() {
+    std::lock_guard state(m_stateLock);
+    std::vector<float> samples = std::exchange(m_retained, {});
+    if (!m_retainAudio)
+        return {};
+    return RetainedAudio{std::move(samples), m_targetRate};
 }

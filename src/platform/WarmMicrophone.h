@@ -29,7 +29,7 @@ public:
     void prepare() override {}
     void start(double sampleRate, bool retainAudio) override;
     void stop() override;
-    void writeRetainedAudio(const QString &path) override;
+    RetainedAudio takeRetainedAudio() override;
     void warmUp(double sampleRate) override;
     float currentLevel() const override;
 

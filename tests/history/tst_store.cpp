@@ -262,6 +262,45 @@ private slots:
         QCOMPARE(mode(paths.last()), 0x6000);
     }
 
+    // A delivered utterance's recording is written before its entry, which names it only if it is there.
+    void deliveredUtteranceIsKeptInOrder_data() {
+        QTest::addColumn<QString>("recording");
+        QTest::addColumn<bool>("appendEntry");
+        QTest::addColumn<bool>("named");
+        QTest::newRow("entry without recording") << "none" << true << false;
+        QTest::newRow("recording written") << "written" << true << true;
+        QTest::newRow("recording failed") << "failed" << true << false;
+        QTest::newRow("recording without entry") << "written" << false << false;
+    }
+    void deliveredUtteranceIsKeptInOrder() {
+        QFETCH(QString, recording);
+        QFETCH(bool, appendEntry);
+        QFETCH(bool, named);
+        Store store(root());
+        Utterance delivered = makeUtterance("rec-1", "kept");
+        // A name the caller guessed is never trusted.
+        delivered.audioFile = QStringLiteral("elsewhere.wav");
+        std::optional<qsizetype> entriesSeenByWriter;
+        Store::RecordingWriter writer;
+        if (recording != "none")
+            writer = [&](const QString &path) {
+                entriesSeenByWriter = historyLines(root()).size();
+                QFile file(path);
+                return recording == "written" && file.open(QIODevice::WriteOnly) && file.write("RIFF") == 4;
+            };
+        store.keepDelivered(delivered, writer, appendEntry);
+        const QList<Utterance> entries = store.recentEntries(5);
+
+        QCOMPARE(entries.size(), appendEntry ? 1 : 0);
+        if (appendEntry)
+            QCOMPARE(entries.first().audioFile,
+                     named ? std::optional<QString>(QStringLiteral("rec-1.wav")) : std::optional<QString>());
+        QCOMPARE(entriesSeenByWriter, writer ? std::optional<qsizetype>(0) : std::nullopt);
+        QCOMPARE(store.retainedAudioCount(), recording == "written" ? 1 : 0);
+        if (recording == "written")
+            QCOMPARE(mode(store.audioURL("rec-1")), 0x6000);
+    }
+
     void audioNamesStayInTheFolder() {
         Store store(root());
         QCOMPARE(store.audioURL("../../evil"), store.audioDirectory() + "/______evil.wav");

@@ -75,8 +75,10 @@ private slots:
         QCOMPARE(utterance.shippedText, kClean);
         QCOMPARE(utterance.guardVerdict, QStringLiteral("accepted"));
         QCOMPARE(utterance.appBundleID, std::optional<QString>(QStringLiteral("com.apple.Notes")));
-        QVERIFY(utterance.audioFile && QFileInfo::exists(h.pipeline->store().audioURL(utterance.id)));
         QCOMPARE(h.pipeline->store().recentTranscripts(5), QStringList{kClean});
+        // Written on the store's queue, which the read above waited for.
+        QVERIFY(utterance.audioFile && QFileInfo::exists(h.pipeline->store().audioURL(utterance.id)));
+        QCOMPARE(h.pipeline->store().recentEntries(1).value(0).audioFile, utterance.audioFile);
         QVERIFY(h.pipeline->learner().model().terms.contains(QStringLiteral("kubernetes")));
         QCOMPARE(h.pipeline->latency().samples().size(), 1);
 
@@ -85,6 +87,29 @@ private slots:
         h.reply(kClean);
         QVERIFY(h.holdAndSettle(h.dictationKey));
         QVERIFY(h.modelPrompt(1).contains(QStringLiteral("Recent dictation")));
+    }
+
+    // The recording, the entry and the learned words are written after the paste, off its path:
+    // quitting at once must still leave all three on disk.
+    void aQuitRightAfterADictationLosesNothing() {
+        PipelineHarness h;
+        h.config.retainAudio = true;
+        h.ready();
+        h.transcript(kRaw);
+        h.reply(kClean);
+        QVERIFY(h.holdAndSettle(h.dictationKey));
+        QCOMPARE(h.utterances.size(), 1);
+        const QString id = h.utterances.first().id;
+        h.pipeline.reset();
+
+        Store store(h.data.path());
+        const QList<Utterance> entries = store.recentEntries(5);
+        QCOMPARE(entries.size(), 1);
+        QCOMPARE(entries.first().shippedText, kClean);
+        QCOMPARE(entries.first().audioFile, std::optional<QString>(Store::audioFileName(id)));
+        QVERIFY(QFileInfo(store.audioURL(id)).size() > 44);
+        const Learner learner(h.data.filePath(QStringLiteral("learned.json")), h.scheduler);
+        QVERIFY(learner.model().terms.contains(QStringLiteral("kubernetes")));
     }
 
     void nothingIsKeptWhenRetentionIsOff() {

@@ -1,9 +1,7 @@
 #pragma once
 
 #include "platform/AudioCapturing.h"
-#include "speech/WavEncoder.h"
 
-#include <QFile>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
@@ -40,11 +38,12 @@ public:
             m_status = m_nextStatus;
         }
     }
-    void writeRetainedAudio(const QString &path) override {
+    RetainedAudio takeRetainedAudio() override {
         std::lock_guard lock(m_mutex);
-        QFile file(path);
-        if (m_retain && !m_retained.empty() && file.open(QIODevice::WriteOnly))
-            file.write(WavEncoder::encode(std::exchange(m_retained, {}), m_sampleRate));
+        std::vector<float> samples = std::exchange(m_retained, {});
+        if (!m_retain)
+            return {};
+        return RetainedAudio{std::move(samples), m_sampleRate};
     }
 
     // What the next start() delivers at once, as a warm microphone hands over its pre-roll.

@@ -16,6 +16,7 @@
 #include <chrono>
 #include <poll.h>
 #include <thread>
+#include <utility>
 
 // Xlib's macros (None, Bool, KeyPress…) collide with Qt's names: it comes after every Qt header.
 #include <X11/XKBlib.h>
@@ -216,8 +217,15 @@ void X11TextBackend::countOwnerChanges() {
 
 bool X11TextBackend::isTrusted() {
     Display *x = display();
-    int event = 0, error = 0, major = 0, minor = 0;
-    return x && XTestQueryExtension(x, &event, &error, &major, &minor);
+    if (!x)
+        return false;
+    // Each question is a round trip to the server, asked up to three times a paste, and the
+    // answer cannot change while the connection lives.
+    if (!m_hasXTest) {
+        int event = 0, error = 0, major = 0, minor = 0;
+        m_hasXTest = XTestQueryExtension(x, &event, &error, &major, &minor);
+    }
+    return *m_hasXTest;
 }
 
 std::unique_ptr<FocusedElement> X11TextBackend::focusedElement() {
@@ -286,7 +294,8 @@ DesktopTextBackend::ClipboardSnapshot X11TextBackend::readClipboard() {
 
 bool X11TextBackend::writeText(const QString &text) {
     QClipboard *clipboard = QGuiApplication::clipboard();
-    const bool primaryToo = chordForActiveWindow() == PasteChord::shiftInsert && clipboard->supportsSelection();
+    m_chordOfWrite = chordForActiveWindow();
+    const bool primaryToo = m_chordOfWrite == PasteChord::shiftInsert && clipboard->supportsSelection();
     // Claims on PRIMARY (any selection of text) are not watched: writing it always needs a refresh.
     if (primaryToo)
         refreshQtServerTime();
@@ -314,6 +323,7 @@ bool X11TextBackend::writeText(const QString &text) {
 }
 
 void X11TextBackend::writeClipboard(const ClipboardSnapshot &items) {
+    m_chordOfWrite.reset();
     QClipboard *clipboard = QGuiApplication::clipboard();
     refreshQtServerTime();
     m_writing = true;
@@ -364,7 +374,8 @@ bool X11TextBackend::postPasteChord() {
     Display *x = m_display;
     waitForModifiersUp(x);
 
-    const PasteChord chord = chordForActiveWindow();
+    const std::optional<PasteChord> written = std::exchange(m_chordOfWrite, std::nullopt);
+    const PasteChord chord = written ? *written : chordForActiveWindow();
     const KeyCode control = XKeysymToKeycode(x, XK_Control_L);
     const KeyCode shift = XKeysymToKeycode(x, XK_Shift_L);
     if (chord == PasteChord::shiftInsert) {

@@ -43,6 +43,8 @@ private:
 
     _XDisplay *m_display = nullptr;
     unsigned long m_probeWindow = 0;
+    // Whether our connection has XTest, once asked.
+    std::optional<bool> m_hasXTest;
     // A spare keycode given the Latin v for layouts that have none; given back on destruction.
     unsigned char m_borrowedKeycode = 0;
     qint64 m_changeCount = 0;
@@ -59,6 +61,9 @@ private:
     // Our own writes are counted where they happen; Qt's notice of them must not count twice.
     bool m_writing = false;
     QMetaObject::Connection m_changed;
+    // The chord found for the window in front by the last text write, which the paste keystroke
+    // follows at once: one look at the window's class serves both.
+    std::optional<PasteChord> m_chordOfWrite;
     // Never shown: a property change on it hands Qt a fresh server time.
     std::unique_ptr<QWindow> m_timeWindow;
 };
