@@ -1,5 +1,7 @@
 #include "FakePortal.h"
 
+#include "core/HandOver.h"
+
 #include <QDBusArgument>
 #include <QDBusVirtualObject>
 
@@ -16,7 +18,12 @@ public:
     explicit Handler(FakePortal &portal) : m_portal(portal) {}
     QString introspect(const QString &) const override { return {}; }
     bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override {
-        return m_portal.handle(message, connection);
+        // Everything the test thread set up before serving is visible here.
+        HandOver::received(this);
+        HandOver::received(&m_portal);
+        const bool handled = m_portal.handle(message, connection);
+        HandOver::sent(&m_portal);
+        return handled;
     }
 
 private:
@@ -34,13 +41,21 @@ FakePortal::~FakePortal() {
 void FakePortal::serve() {
     m_thread.start();
     m_handler = new Handler(*this);
+    HandOver::sent(m_handler);
     m_handler->moveToThread(&m_thread);
     // From the handler's own thread: the connection hangs an object of its own on it.
     bool registered = false;
+    // The blocking call orders both sides inside Qt, where the thread checker cannot see it.
+    HandOver::sent(this);
     QMetaObject::invokeMethod(
         m_handler,
-        [this, &registered] { registered = m_bus.registerVirtualObject(root, m_handler, QDBusConnection::SubPath); },
+        [this, &registered] {
+            HandOver::received(this);
+            registered = m_bus.registerVirtualObject(root, m_handler, QDBusConnection::SubPath);
+            HandOver::sent(this);
+        },
         Qt::BlockingQueuedConnection);
+    HandOver::received(this);
     m_serving = registered && m_bus.registerService(service);
 }
 
@@ -48,10 +63,19 @@ void FakePortal::stopServing() {
     m_bus.unregisterService(service);
     m_bus.unregisterObject(root, QDBusConnection::UnregisterTree);
     Handler *handler = std::exchange(m_handler, nullptr);
+    HandOver::sent(this);
     QMetaObject::invokeMethod(
-        handler, [handler] { delete handler; }, Qt::BlockingQueuedConnection);
+        handler,
+        [this, handler] {
+            HandOver::received(this);
+            delete handler;
+            HandOver::sent(this);
+        },
+        Qt::BlockingQueuedConnection);
     m_thread.quit();
     m_thread.wait();
+    // Nothing of the handler thread touches this object after here, its destructor included.
+    HandOver::received(this);
 }
 
 QString FakePortal::handlePath(const QString &sender, const QString &kind, const QString &token) {
