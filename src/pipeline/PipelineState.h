@@ -3,6 +3,7 @@
 #include "core/EnumNames.h"
 
 #include <QString>
+#include <cstddef>
 
 // What the pipeline is doing; the shell draws the tray icon and the overlay from it.
 struct PipelineState {
@@ -25,6 +26,12 @@ struct PipelineState {
 
 // The three push-to-talk keys' modes.
 enum class PipelineMode { dictation, editSelection, developerPrompt };
+inline constexpr PipelineMode allPipelineModes[] = {PipelineMode::dictation, PipelineMode::editSelection,
+                                                    PipelineMode::developerPrompt};
+// The mode as an index into per-mode arrays of size std::size(allPipelineModes).
+constexpr std::size_t modeIndex(PipelineMode mode) {
+    return static_cast<std::size_t>(mode);
+}
 
 // Shown as "Dictation", "Edit in Place", "Prompt Mode".
 std::span<const NamedCase<PipelineMode>> namedCases(PipelineMode);

@@ -12,17 +12,12 @@ namespace CompositorKeyBindings {
 
 namespace {
 
-constexpr PipelineMode modes[] = {PipelineMode::dictation, PipelineMode::editSelection, PipelineMode::developerPrompt};
 // The compositor runs the command on every key event: a hung bus must not pile them up.
 constexpr int callTimeoutMs = 2000;
 
 int fail(const QString &message, int status = 1) {
     std::fputs(("quorvane key: " + message + QLatin1Char('\n')).toLocal8Bit().constData(), stderr);
     return status;
-}
-
-std::size_t slot(PipelineMode mode) {
-    return static_cast<std::size_t>(mode);
 }
 
 } // namespace
@@ -40,7 +35,7 @@ QString modeWord(PipelineMode mode) {
 }
 
 std::optional<PipelineMode> modeFromWord(const QString &word) {
-    for (const PipelineMode mode : modes)
+    for (const PipelineMode mode : allPipelineModes)
         if (modeWord(mode) == word)
             return mode;
     return std::nullopt;
@@ -120,12 +115,12 @@ bool Receiver::listen(PipelineMode mode, Listener listener, QString &problem) {
         }
         m_registered = true;
     }
-    m_listeners[slot(mode)] = std::move(listener);
+    m_listeners[modeIndex(mode)] = std::move(listener);
     return true;
 }
 
 void Receiver::forget(PipelineMode mode) {
-    m_listeners[slot(mode)] = nullptr;
+    m_listeners[modeIndex(mode)] = nullptr;
 }
 
 void Receiver::Press(const QString &mode) {
@@ -142,7 +137,7 @@ void Receiver::deliver(const QString &word, bool down) {
         Log::warn(QStringLiteral("A key binding named an unknown mode \"%1\"; ignored.").arg(word));
         return;
     }
-    if (const Listener &listener = m_listeners[slot(*mode)])
+    if (const Listener &listener = m_listeners[modeIndex(*mode)])
         listener(down);
 }
 

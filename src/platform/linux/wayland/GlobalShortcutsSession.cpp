@@ -27,15 +27,10 @@ const QDBusArgument &operator>>(const QDBusArgument &argument, PortalShortcut &s
 
 namespace {
 
-constexpr PipelineMode modes[] = {PipelineMode::dictation, PipelineMode::editSelection, PipelineMode::developerPrompt};
 const QString sessionInterface = QStringLiteral("org.freedesktop.portal.Session");
 // A desktop that closes sessions right after binding them would otherwise have us ask forever.
 constexpr int quickCloseLimit = 3;
 constexpr qint64 quickCloseMs = 10000;
-
-std::size_t slot(PipelineMode mode) {
-    return static_cast<std::size_t>(mode);
-}
 
 QString description(PipelineMode mode) {
     switch (mode) {
@@ -135,13 +130,13 @@ GlobalShortcutsSession::~GlobalShortcutsSession() {
 }
 
 void GlobalShortcutsSession::listen(PipelineMode mode, PushToTalkKey key, Listener listener) {
-    m_wanted[slot(mode)] = Wanted{key, std::move(listener)};
+    m_wanted[modeIndex(mode)] = Wanted{key, std::move(listener)};
     scheduleSync();
 }
 
 void GlobalShortcutsSession::forget(PipelineMode mode) {
-    m_wanted[slot(mode)].reset();
-    m_held[slot(mode)] = false;
+    m_wanted[modeIndex(mode)].reset();
+    m_held[modeIndex(mode)] = false;
     scheduleSync();
 }
 
@@ -224,8 +219,8 @@ void GlobalShortcutsSession::sessionCreated(const QString &sessionPath) {
                       SLOT(onClosed()));
     }
     QList<PortalShortcut> shortcuts;
-    for (const PipelineMode mode : modes)
-        if (const std::optional<PushToTalkKey> key = m_requested[slot(mode)])
+    for (const PipelineMode mode : allPipelineModes)
+        if (const std::optional<PushToTalkKey> key = m_requested[modeIndex(mode)])
             shortcuts << PortalShortcut{shortcutId(mode),
                                         {{QStringLiteral("description"), description(mode)},
                                          {QStringLiteral("preferred_trigger"), preferredTrigger(*key)}}};
@@ -253,8 +248,8 @@ void GlobalShortcutsSession::bound(const QList<PortalShortcut> &shortcuts) {
     m_boundAt.start();
     QStringList triggers;
     QStringList missing;
-    for (const PipelineMode mode : modes) {
-        if (!m_requested[slot(mode)])
+    for (const PipelineMode mode : allPipelineModes) {
+        if (!m_requested[modeIndex(mode)])
             continue;
         const QString id = shortcutId(mode);
         const auto found = std::find_if(shortcuts.begin(), shortcuts.end(),
@@ -335,10 +330,10 @@ void GlobalShortcutsSession::onDeactivated(const QDBusObjectPath &session, const
 }
 
 void GlobalShortcutsSession::setHeld(const QString &id, bool down) {
-    for (const PipelineMode mode : modes) {
+    for (const PipelineMode mode : allPipelineModes) {
         if (shortcutId(mode) != id)
             continue;
-        const std::size_t index = slot(mode);
+        const std::size_t index = modeIndex(mode);
         if (!m_wanted[index] || m_held[index] == down)
             return;
         m_held[index] = down;
@@ -351,7 +346,7 @@ void GlobalShortcutsSession::setHeld(const QString &id, bool down) {
 }
 
 void GlobalShortcutsSession::releaseHeld() {
-    for (const PipelineMode mode : modes)
-        if (m_held[slot(mode)])
+    for (const PipelineMode mode : allPipelineModes)
+        if (m_held[modeIndex(mode)])
             setHeld(shortcutId(mode), false);
 }
