@@ -3,14 +3,18 @@
 #include "core/HttpResponseReader.h"
 
 #include <QDeadlineTimer>
+#include <QElapsedTimer>
 #include <QJsonParseError>
 #include <QNetworkProxy>
 #include <QTcpSocket>
 #include <QTimer>
+#include <cerrno>
 #include <chrono>
 #include <coroutine>
 #include <memory>
 #include <optional>
+#include <sys/socket.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -108,17 +112,41 @@ struct SocketDeleter {
     // The coroutine may resume inside one of the socket's own signals.
     void operator()(QTcpSocket *socket) const { socket->deleteLater(); }
 };
+using Socket = std::unique_ptr<QTcpSocket, SocketDeleter>;
 
-QCoro::Task<Attempt> attempt(const Target &target, int timeoutMs) {
+constexpr std::chrono::minutes aheadLifetime{15};
+// A server that closes a connection at once is not asked for another again and again.
+constexpr qint64 aheadShortestLifeMs = 1000;
+
+QTcpSocket *openSocket(const QString &host, quint16 port) {
+    auto *socket = new QTcpSocket;
+    socket->setProxy(QNetworkProxy::NoProxy);
+    socket->connectToHost(host, port);
+    return socket;
+}
+
+// Whether a connection that waited idle can still carry a request: the server has not closed it
+// and has sent nothing unasked.
+bool idleAndOpen(QTcpSocket &socket) {
+    if (socket.state() == QAbstractSocket::HostLookupState || socket.state() == QAbstractSocket::ConnectingState)
+        return true;
+    if (socket.state() != QAbstractSocket::ConnectedState || socket.bytesAvailable() > 0)
+        return false;
+    // A close that Qt's event loop has not looked at yet is known to the socket itself.
+    char byte = 0;
+    const ssize_t peeked = ::recv(int(socket.socketDescriptor()), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    return peeked < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+}
+
+// Over `ahead` when one was opened for this server, otherwise over a new connection.
+QCoro::Task<Attempt> attempt(const Target &target, int timeoutMs, Socket ahead) {
     // The limit is on the whole exchange: a server that takes the request and never answers is given
     // up on once, however the upload went. As with Qt's transfer time-out, 0 means none.
     const QDeadlineTimer deadline(timeoutMs > 0 ? qint64(timeoutMs) : qint64(-1));
     const auto remaining = [&deadline] {
         return std::chrono::milliseconds(deadline.isForever() ? -1 : std::max<qint64>(deadline.remainingTime(), 1));
     };
-    std::unique_ptr<QTcpSocket, SocketDeleter> socket(new QTcpSocket);
-    socket->setProxy(QNetworkProxy::NoProxy);
-    socket->connectToHost(target.host, target.port);
+    Socket socket = ahead ? std::move(ahead) : Socket(openSocket(target.host, target.port));
     while (socket->state() == QAbstractSocket::HostLookupState || socket->state() == QAbstractSocket::ConnectingState) {
         // The state changes on success and on failure alike; a refusal must not wait out the time-out.
         const bool changed = co_await SocketEvent(socket.get(), remaining());
@@ -190,7 +218,7 @@ QByteArray requestBytes(const QUrl &url, const QByteArray &method, const QByteAr
 
 // Takes everything by value: nothing of the caller is touched once the request has left.
 QCoro::Task<LoopbackHttp::Reply> exchange(QUrl url, QByteArray method, QByteArray contentType,
-                                          std::optional<QByteArray> body, int timeoutMs) {
+                                          std::optional<QByteArray> body, int timeoutMs, Socket ahead) {
     if (url.scheme() != QLatin1String("http"))
         throw LoopbackHttp::TransportError(
             QNetworkReply::ProtocolUnknownError,
@@ -203,9 +231,16 @@ QCoro::Task<LoopbackHttp::Reply> exchange(QUrl url, QByteArray method, QByteArra
     // as the request arrives. A POST is not, since the server may have run it (a second inference).
     const int maxTries = method == "GET" ? 2 : 1;
     for (int tries = 1;; ++tries) {
-        Attempt outcome = co_await attempt(target, timeoutMs);
+        const bool overAhead = ahead != nullptr;
+        Attempt outcome = co_await attempt(target, timeoutMs, std::move(ahead));
         if (outcome.reply)
             co_return std::move(*outcome.reply);
+        // A connection that waited may be closed by the server (an idle time-out) just as the
+        // request goes out, unread; a new connection carries it, a POST too.
+        if (outcome.unanswered && overAhead) {
+            --tries;
+            continue;
+        }
         if (!outcome.unanswered || tries == maxTries)
             throw LoopbackHttp::TransportError(outcome.code, outcome.text);
     }
@@ -213,16 +248,72 @@ QCoro::Task<LoopbackHttp::Reply> exchange(QUrl url, QByteArray method, QByteArra
 
 } // namespace
 
+struct LoopbackHttp::Ahead {
+    QString host;
+    quint16 port = 0;
+    QDeadlineTimer until;
+    QElapsedTimer opened;
+    QTcpSocket *socket = nullptr;
+    QMetaObject::Connection closed;
+};
+
 LoopbackHttp::LoopbackHttp() = default;
-LoopbackHttp::~LoopbackHttp() = default;
+
+LoopbackHttp::~LoopbackHttp() {
+    dropConnectionAhead();
+}
 
 QCoro::Task<LoopbackHttp::Reply> LoopbackHttp::get(const QUrl &url, int timeoutMs) {
-    return exchange(url, "GET", QByteArray(), std::nullopt, timeoutMs);
+    return exchange(url, "GET", QByteArray(), std::nullopt, timeoutMs, Socket(takeConnectionAhead(url)));
 }
 
 QCoro::Task<LoopbackHttp::Reply> LoopbackHttp::post(const QUrl &url, const QByteArray &contentType,
                                                     const QByteArray &body, int timeoutMs) {
-    return exchange(url, "POST", contentType, body, timeoutMs);
+    return exchange(url, "POST", contentType, body, timeoutMs, Socket(takeConnectionAhead(url)));
+}
+
+void LoopbackHttp::connectAhead(const QUrl &url) {
+    dropConnectionAhead();
+    if (url.scheme() != QLatin1String("http"))
+        return;
+    m_ahead = std::make_unique<Ahead>();
+    m_ahead->host = url.host();
+    m_ahead->port = static_cast<quint16>(url.port(80));
+    m_ahead->until = QDeadlineTimer(aheadLifetime);
+    openAhead();
+}
+
+void LoopbackHttp::openAhead() {
+    m_ahead->socket = openSocket(m_ahead->host, m_ahead->port);
+    m_ahead->opened.start();
+    m_ahead->closed = QObject::connect(m_ahead->socket, &QAbstractSocket::disconnected, m_ahead->socket, [this] {
+        const bool again = !m_ahead->until.hasExpired() && m_ahead->opened.elapsed() >= aheadShortestLifeMs;
+        QObject::disconnect(m_ahead->closed);
+        std::exchange(m_ahead->socket, nullptr)->deleteLater();
+        if (again)
+            openAhead();
+    });
+}
+
+void LoopbackHttp::dropConnectionAhead() {
+    if (m_ahead && m_ahead->socket) {
+        QObject::disconnect(m_ahead->closed);
+        m_ahead->socket->deleteLater();
+    }
+    m_ahead.reset();
+}
+
+QTcpSocket *LoopbackHttp::takeConnectionAhead(const QUrl &url) {
+    if (!m_ahead || !m_ahead->socket || url.scheme() != QLatin1String("http") || m_ahead->host != url.host() ||
+        m_ahead->port != static_cast<quint16>(url.port(80)))
+        return nullptr;
+    QObject::disconnect(m_ahead->closed);
+    QTcpSocket *socket = std::exchange(m_ahead->socket, nullptr);
+    m_ahead.reset();
+    if (idleAndOpen(*socket))
+        return socket;
+    socket->deleteLater();
+    return nullptr;
 }
 
 QUrl LoopbackHttp::appendPath(const QUrl &base, const QString &relativePath) {

@@ -8,9 +8,12 @@
 #include <QNetworkReply>
 #include <QString>
 #include <QUrl>
+#include <memory>
+
+class QTcpSocket;
 
 // HTTP to the local model and speech servers: no proxy (what we send must not leave the machine),
-// no redirects, a transfer time-out on every request, one connection per request. Plain http only.
+// no redirects, a transfer time-out on every request, one request per connection. Plain http only.
 // Each request goes out in a single write on a socket without Nagle's delay, so a POST's body is not
 // held back waiting for the server to acknowledge its headers.
 class LoopbackHttp {
@@ -59,8 +62,22 @@ public:
     QCoro::Task<Reply> get(const QUrl &url, int timeoutMs);
     QCoro::Task<Reply> post(const QUrl &url, const QByteArray &contentType, const QByteArray &body, int timeoutMs);
 
+    // Opens a connection to `url`'s server now for the next request to it, so that the request
+    // does not wait for a connection when it is urgent (a transcription at key-up). It is kept until
+    // a request takes it, another replaces it, or `dropConnectionAhead`; a server that closes it
+    // while it waits (an idle time-out) gets a new one, for up to a quarter of an hour.
+    void connectAhead(const QUrl &url);
+    void dropConnectionAhead();
+
     // `base` with `relativePath` appended to its path ("http://h:1/x" + "api/tags" → "http://h:1/x/api/tags").
     static QUrl appendPath(const QUrl &base, const QString &relativePath);
     // Throws ParseError when `body` is not JSON.
     static QJsonDocument parseJson(const QByteArray &body);
+
+private:
+    struct Ahead;
+    void openAhead();
+    // The connection opened ahead for `url`'s server, when it can still carry a request; owned by the caller.
+    QTcpSocket *takeConnectionAhead(const QUrl &url);
+    std::unique_ptr<Ahead> m_ahead;
 };

@@ -484,10 +484,14 @@ void Pipeline::finish(std::optional<PipelineMode> expectedMode) {
     Timings timings;
     timings.recordingMS = held;
     detach(runGuarded(currentRun(), timings), logTaskFailure);
-    // Whatever moved while the user spoke is read again now, alongside the engine's work, unless
-    // the run has already ended.
-    if (m_state.kind == PipelineState::Kind::thinking)
-        m_platform.injector->prepareInjection();
+    // Whatever moved while the user spoke is read again alongside the engine's work, once the engine
+    // is seen to take a while: one that answers at once would only find the paste waiting behind it.
+    QPointer<Pipeline> self(this);
+    const quint64 runNumber = m_runNumber;
+    m_scheduler.schedule(keyUpReadsDelayMs, [self, runNumber] {
+        if (self && self->m_runNumber == runNumber && self->m_state.kind == PipelineState::Kind::thinking)
+            self->m_platform.injector->prepareInjection();
+    });
 }
 
 void Pipeline::bindHotkey(GlobalHotkey &hotkey, PipelineMode mode) {

@@ -18,6 +18,8 @@ class Pipeline : public QObject {
     Q_OBJECT
 public:
     static constexpr qint64 minimumHoldMs = 250;
+    // How long after key-up an engine still at work is taken to be slow enough to read alongside.
+    static constexpr qint64 keyUpReadsDelayMs = 20;
     static constexpr qint64 preparationLimitMs = 30000;
     // The base of a prompt compilation's budget, whatever the formatter setting: the request is
     // delivered verbatim anyway when the model is slow.

@@ -97,6 +97,8 @@ QCoro::Task<void> WhisperServerEngine::beginUtterance(QStringList contextualStri
         m_buffer.clear();
         m_contextPrompt = prompt;
     }
+    // The request at key-up then goes out without waiting for a connection.
+    m_http.connectAhead(m_endpoint);
     co_return;
 }
 
@@ -141,6 +143,7 @@ QCoro::Task<QString> WhisperServerEngine::finishUtterance() {
 }
 
 QCoro::Task<void> WhisperServerEngine::cancelUtterance() {
+    m_http.dropConnectionAhead();
     recycle(drain().samples);
     co_return;
 }

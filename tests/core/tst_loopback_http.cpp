@@ -7,6 +7,7 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
+#include <QThread>
 #include <QTimer>
 #include <memory>
 
@@ -42,13 +43,24 @@ public:
 
     // Per connection that sent a whole request: the reads it arrived in.
     QList<QList<QByteArray>> requests;
+    int connections = 0;
+
+    // Resets every connection that has not sent a byte, as a server's idle time-out would.
+    void resetIdleConnections() {
+        for (QTcpSocket *socket : m_server.findChildren<QTcpSocket *>())
+            if (socket->property("idle").toBool())
+                socket->abort();
+    }
 
 private:
     void accept() {
         while (QTcpSocket *socket = m_server.nextPendingConnection()) {
+            ++connections;
+            socket->setProperty("idle", true);
             connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
             auto reads = std::make_shared<QList<QByteArray>>();
             connect(socket, &QTcpSocket::readyRead, socket, [this, socket, reads] {
+                socket->setProperty("idle", false);
                 reads->append(socket->readAll());
                 if (isWhole(reads->join())) {
                     requests.append(*reads);
@@ -259,6 +271,62 @@ private slots:
             QVERIFY2(!accepted, qPrintable(error.text()));
             QCOMPARE(error.text(), QStringLiteral("the server's answer is larger than 8 MB"));
         }
+    }
+
+    // The connection opened ahead carries the request when it can, and a fresh one does when the
+    // server closed it meanwhile, whether or not our event loop has seen the close yet.
+    void connectionOpenedAheadCarriesTheNextRequest_data() {
+        QTest::addColumn<QList<Script>>("scripts");
+        QTest::addColumn<QString>("serverCloses");
+        QTest::addColumn<int>("connections");
+        QTest::addColumn<int>("requests");
+        const Script ok = Script::answer("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+        QTest::newRow("open") << QList{ok} << "never" << 1 << 1;
+        QTest::newRow("closed, seen") << QList{ok} << "seen" << 2 << 1;
+        QTest::newRow("closed, not yet seen") << QList{ok} << "unseen" << 2 << 1;
+        // Closed just as the request went out: the server never answered it, so it goes again.
+        QTest::newRow("dropped unanswered") << QList{Script::drop(), ok} << "never" << 2 << 2;
+    }
+    void connectionOpenedAheadCarriesTheNextRequest() {
+        QFETCH(QList<Script>, scripts);
+        QFETCH(QString, serverCloses);
+        QFETCH(int, connections);
+        QFETCH(int, requests);
+        ScriptedServer server(scripts);
+        LoopbackHttp http;
+        http.connectAhead(server.url());
+        QTRY_COMPARE(server.connections, 1);
+        if (serverCloses == QLatin1String("seen")) {
+            server.resetIdleConnections();
+            QTest::qWait(50);
+        } else if (serverCloses == QLatin1String("unseen")) {
+            server.resetIdleConnections();
+            QThread::msleep(20);
+        }
+        const LoopbackHttp::Reply reply =
+            syncWait(http.post(server.url(QStringLiteral("/inference")), "text/plain", "hi", 2000));
+        QCOMPARE(reply.body, QByteArray("ok"));
+        QCOMPARE(server.connections, connections);
+        QCOMPARE(server.requests.size(), requests);
+    }
+
+    // An idle time-out of the server is followed by a new connection, for the request still to come.
+    void connectionAheadIsOpenedAgainAfterAnIdleClose() {
+        ScriptedServer server({Script::answer("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n")});
+        LoopbackHttp http;
+        http.connectAhead(server.url());
+        QTRY_COMPARE(server.connections, 1);
+        QTest::qWait(1100);
+        server.resetIdleConnections();
+        QTRY_COMPARE(server.connections, 2);
+        syncWait(http.get(server.url(), 2000));
+        QCOMPARE(server.connections, 2);
+        // Dropped, it is not opened again.
+        http.connectAhead(server.url());
+        QTRY_COMPARE(server.connections, 3);
+        http.dropConnectionAhead();
+        QTest::qWait(50);
+        QCOMPARE(server.connections, 3);
     }
 
     void refusedConnectionFailsAtOnce() {

@@ -114,8 +114,10 @@ private slots:
         h.dictationKey.release();
         QVERIFY(h.modelAsked());
         QCOMPARE(h.kind(), Kind::thinking);
-        // The paste's reads are taken when recording starts and brought up to date at key-up,
-        // while the engine is still at work.
+        // The paste's reads are taken when recording starts and brought up to date once the engine
+        // is seen to take a while after key-up.
+        QCOMPARE(h.injector->prepares, 1);
+        h.scheduler.advance(Pipeline::keyUpReadsDelayMs);
         QCOMPARE(h.injector->prepares, 2);
         QVERIFY(h.injector->injected.isEmpty());
         // A second key-down while thinking starts nothing.

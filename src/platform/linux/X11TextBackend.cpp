@@ -90,7 +90,9 @@ void sendChord(Display *display, const QList<KeyCode> &modifiers, KeyCode key) {
     XTestFakeKeyEvent(display, key, False, CurrentTime);
     for (auto modifier = modifiers.crbegin(); modifier != modifiers.crend(); ++modifier)
         XTestFakeKeyEvent(display, *modifier, False, CurrentTime);
-    XSync(display, False);
+    // Sent, not waited for: the server's answer would only tell that the window has the keys, and
+    // the window's request for the clipboard must not queue behind the wait.
+    XFlush(display);
 }
 
 // Sees the property change made on our window reach Qt's connection.
