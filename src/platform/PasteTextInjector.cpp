@@ -69,8 +69,9 @@ PasteTextInjector::EarlyReads PasteTextInjector::currentReads(std::optional<Earl
     return reads;
 }
 
-// A restore that is due changes the count when it runs, but one that never runs (nothing known to
-// put back) must stop counting once its moment has passed: by then the text is the user's clipboard.
+// A scheduled restore moves the count when it runs. Where nothing was to be put back, the last
+// paste counts only until its restore would have been due: after that its text is simply what the
+// user has on the clipboard, and a later paste saves it like anything else.
 bool PasteTextInjector::pendingRestoreHolds(qint64 changeCount) const {
     return m_pending && changeCount == m_pending->changeCount &&
            (m_pending->handle || m_scheduler.nowMs() - m_pending->pastedAt < restoreDelayMs);
