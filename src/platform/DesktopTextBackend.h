@@ -42,8 +42,9 @@ public:
     virtual bool isTrusted() = 0;
     // Null when no element has the focus or it cannot be reached.
     virtual std::unique_ptr<FocusedElement> focusedElement() = 0;
-    // Every item and format on the clipboard now; empty when it is empty.
-    virtual ClipboardSnapshot readClipboard() = 0;
+    // Every item and format on the clipboard now; empty when it is empty, nullopt when its content
+    // could not be read (an owner that does not answer): not knowing is not the same as empty.
+    virtual std::optional<ClipboardSnapshot> readClipboard() = 0;
     // Clears the clipboard and puts `text` on it as plain text; false when that failed.
     virtual bool writeText(const QString &text) = 0;
     // Clears the clipboard and writes the items; no items leaves it empty.

@@ -1,5 +1,6 @@
 #include "platform/PasteTextInjector.h"
 
+#include "core/Log.h"
 #include "core/Text.h"
 
 #include <algorithm>
@@ -68,6 +69,14 @@ PasteTextInjector::EarlyReads PasteTextInjector::currentReads(std::optional<Earl
     return reads;
 }
 
+// A scheduled restore moves the count when it runs. Where nothing was to be put back, the last
+// paste counts only until its restore would have been due: after that its text is simply what the
+// user has on the clipboard, and a later paste saves it like anything else.
+bool PasteTextInjector::pendingRestoreHolds(qint64 changeCount) const {
+    return m_pending && changeCount == m_pending->changeCount &&
+           (m_pending->handle || m_scheduler.nowMs() - m_pending->pastedAt < restoreDelayMs);
+}
+
 void PasteTextInjector::inject(const QString &text) {
     if (text.isEmpty())
         return;
@@ -77,10 +86,10 @@ void PasteTextInjector::inject(const QString &text) {
     EarlyReads reads = currentReads(std::move(early), ElementCheck::askElement);
     if (reads.secure)
         throw QuorvaneError(QuorvaneError::Case::secureTextSelected);
-    DesktopTextBackend::ClipboardSnapshot snapshot = std::move(reads.snapshot);
+    std::optional<DesktopTextBackend::ClipboardSnapshot> snapshot = std::move(reads.snapshot);
     // A paste within 0.35 s of the last one finds that one's text still on the clipboard: what the
-    // user had before it is what must come back.
-    if (m_pending && reads.changeCount == m_pending->changeCount)
+    // user had before it (or that it was unknown) is what counts.
+    if (pendingRestoreHolds(reads.changeCount))
         snapshot = m_pending->snapshot;
 
     if (!m_backend->writeText(text))
@@ -96,13 +105,21 @@ void PasteTextInjector::inject(const QString &text) {
     auto pending = std::make_shared<PendingRestore>();
     pending->snapshot = std::move(snapshot);
     pending->changeCount = written;
-    pending->handle = m_scheduler.schedule(restoreDelayMs, [pending, weakBackend = std::weak_ptr(m_backend)] {
-        const DesktopTextBackend::ClipboardSnapshot saved = std::exchange(pending->snapshot, {});
-        const std::shared_ptr<DesktopTextBackend> backend = weakBackend.lock();
-        // Something copied since our write is newer than what we saved, and it wins.
-        if (backend && backend->changeCount() == pending->changeCount)
-            backend->writeClipboard(saved);
-    });
+    pending->pastedAt = m_scheduler.nowMs();
+    if (!pending->snapshot) {
+        // Putting back "nothing" would clear the clipboard, taking the dictated text as well.
+        Log::warn(QStringLiteral("Your clipboard could not be saved, so the dictated text stays on the clipboard "
+                                 "after the paste."));
+    } else {
+        pending->handle = m_scheduler.schedule(restoreDelayMs, [pending, weakBackend = std::weak_ptr(m_backend)] {
+            const std::optional<DesktopTextBackend::ClipboardSnapshot> saved =
+                std::exchange(pending->snapshot, std::nullopt);
+            const std::shared_ptr<DesktopTextBackend> backend = weakBackend.lock();
+            // Something copied since our write is newer than what we saved, and it wins.
+            if (saved && backend && backend->changeCount() == pending->changeCount)
+                backend->writeClipboard(*saved);
+        });
+    }
     m_pending = std::move(pending);
 }
 

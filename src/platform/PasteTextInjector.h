@@ -37,7 +37,8 @@ private:
         // Null when no element had the focus: the paste then looks again.
         std::unique_ptr<FocusedElement> element;
         bool secure = false;
-        DesktopTextBackend::ClipboardSnapshot snapshot;
+        // Nullopt when the clipboard's content could not be read.
+        std::optional<DesktopTextBackend::ClipboardSnapshot> snapshot;
         qint64 changeCount = 0;
     };
 
@@ -48,11 +49,18 @@ private:
     EarlyReads currentReads(std::optional<EarlyReads> early, ElementCheck check);
 
     struct PendingRestore {
-        DesktopTextBackend::ClipboardSnapshot snapshot;
+        // Nullopt when what the user had could not be read: nothing is put back, and the pasted
+        // text stays rather than the clipboard being cleared.
+        std::optional<DesktopTextBackend::ClipboardSnapshot> snapshot;
         // The clipboard's count right after our write; any other value means someone copied since.
         qint64 changeCount = 0;
+        qint64 pastedAt = 0;
+        // Null when nothing is to be put back.
         Scheduler::Handle handle;
     };
+
+    // Whether the clipboard still holds the last paste's text with its restore yet to come.
+    bool pendingRestoreHolds(qint64 changeCount) const;
 
     const std::shared_ptr<DesktopTextBackend> m_backend;
     Scheduler &m_scheduler;

@@ -161,6 +161,31 @@ private slots:
         QVERIFY(!m_app->log().join('\n').contains(copiedBefore));
     }
 
+    // An application that owns the clipboard and has stopped answering: what it holds cannot be
+    // saved, so nothing is put back and the dictated text stays instead of the clipboard being
+    // cleared.
+    void hungClipboardOwnerLeavesTheDictatedTextOnTheClipboard() {
+        // A connection of its own whose events are never read: it never answers a request.
+        const std::unique_ptr<Display, int (*)(Display *)> hung(XOpenDisplay(nullptr), XCloseDisplay);
+        QVERIFY(hung);
+        const Window owner = XCreateSimpleWindow(hung.get(), DefaultRootWindow(hung.get()), 0, 0, 1, 1, 0, 0, 0);
+        const Atom clipboard = XInternAtom(hung.get(), "CLIPBOARD", False);
+        XSetSelectionOwner(hung.get(), clipboard, owner, CurrentTime);
+        XSync(hung.get(), False);
+        QCOMPARE(XGetSelectionOwner(hung.get(), clipboard), owner);
+        QVERIFY(m_target->focus("line"));
+
+        holdAndSpeak();
+        QTRY_VERIFY_WITH_TIMEOUT(m_target->text("line").contains(spoken), 8000);
+        QVERIFY(m_app->awaitLine("[WARN] Your clipboard could not be saved, so the dictated text stays", m_from));
+        // Well past the restore, which would have cleared it.
+        QTest::qWait(1000);
+        QVERIFY(XGetSelectionOwner(hung.get(), clipboard) != owner);
+        const ToolRun pasted = runTool("xclip", {"-selection", "clipboard", "-o", "-t", "UTF8_STRING"}, 3000);
+        QCOMPARE(pasted.exitCode, 0);
+        QVERIFY2(QString::fromUtf8(pasted.output).contains(spoken), pasted.output.constData());
+    }
+
     // A password field is neither written nor read, and the user is told why nothing was typed.
     void passwordFieldGetsNothing() {
         m_target->command("set password " + secret);

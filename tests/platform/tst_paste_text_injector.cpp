@@ -1,3 +1,4 @@
+#include "LogRecorder.h"
 #include "ScriptedTextBackend.h"
 #include "core/Scheduler.h"
 #include "platform/PasteTextInjector.h"
@@ -75,31 +76,42 @@ private slots:
     }
 
     // The text is pasted, then the clipboard as it was comes back 350 ms later unless someone
-    // else wrote it in between.
+    // else wrote it in between. A clipboard that could not be read is never "restored" by clearing
+    // it: the dictated text stays, and says so once per paste.
     void restoresClipboard_data() {
-        QTest::addColumn<Clipboard>("before");
+        QTest::addColumn<std::optional<Clipboard>>("before");
         QTest::addColumn<QString>("meanwhile");
         QTest::addColumn<Clipboard>("at350");
         QTest::addColumn<Clipboard>("after");
+        QTest::addColumn<int>("warnings");
         const Clipboard rich = richClipboard();
         const Clipboard injected = ScriptedTextBackend::plainText("hello");
-        QTest::newRow("every item and format") << rich << "" << rich << rich;
-        QTest::newRow("empty stays empty") << Clipboard{} << "" << Clipboard{} << Clipboard{};
+        const Clipboard again = ScriptedTextBackend::plainText("again");
+        const std::optional<Clipboard> unreadable;
+        QTest::newRow("every item and format") << std::optional(rich) << "" << rich << rich << 0;
+        QTest::newRow("empty stays empty") << std::optional(Clipboard{}) << "" << Clipboard{} << Clipboard{} << 0;
         const Clipboard mine = ScriptedTextBackend::plainText("mine");
-        QTest::newRow("user copies") << rich << "user copies" << mine << mine;
+        QTest::newRow("user copies") << std::optional(rich) << "user copies" << mine << mine << 0;
         // The first restore gives way to the second, which brings back the user's clipboard, not
         // the first dictation.
-        QTest::newRow("second injection")
-            << rich << "second injection" << ScriptedTextBackend::plainText("again") << rich;
-        QTest::newRow("chord fails") << rich << "chord fails" << injected << injected;
+        QTest::newRow("second injection") << std::optional(rich) << "second injection" << again << rich << 0;
+        QTest::newRow("chord fails") << std::optional(rich) << "chord fails" << injected << injected << 0;
+        QTest::newRow("unreadable") << unreadable << "" << injected << injected << 1;
+        // The second paste can read the clipboard (it holds our text), but the user's is still unknown.
+        QTest::newRow("unreadable, second injection") << unreadable << "second injection" << again << again << 2;
+        // Once the moment to restore has passed, the first dictation is what the user has.
+        QTest::newRow("unreadable, later injection") << unreadable << "later injection" << injected << injected << 1;
     }
     void restoresClipboard() {
-        QFETCH(Clipboard, before);
+        QFETCH(std::optional<Clipboard>, before);
         QFETCH(QString, meanwhile);
         QFETCH(Clipboard, at350);
         QFETCH(Clipboard, after);
+        QFETCH(int, warnings);
+        LogRecorder log;
         auto backend = std::make_shared<ScriptedTextBackend>();
-        backend->clipboard = before;
+        backend->clipboard = before.value_or(richClipboard());
+        backend->ownerHangs = !before;
         backend->chordFails = meanwhile == "chord fails";
         ManualScheduler scheduler;
         PasteTextInjector injector(backend, scheduler);
@@ -117,13 +129,17 @@ private slots:
         QCOMPARE(backend->restores, 0);
         scheduler.advance(1);
         QCOMPARE(backend->clipboard, at350);
+        if (meanwhile == "later injection")
+            injector.inject("again");
         scheduler.advance(1000);
         QCOMPARE(backend->clipboard, after);
         QCOMPARE(scheduler.pendingCount(), 0u);
-        const QStringList pasted = backend->chordFails               ? QStringList{}
-                                   : meanwhile == "second injection" ? QStringList{"hello", "again"}
-                                                                     : QStringList{"hello"};
+        const QStringList pasted = backend->chordFails                ? QStringList{}
+                                   : meanwhile.endsWith(" injection") ? QStringList{"hello", "again"}
+                                                                      : QStringList{"hello"};
         QCOMPARE(backend->pasted, pasted);
+        QCOMPARE(log.lines.filter("WARN Your clipboard could not be saved, so the dictated text stays").size(),
+                 warnings);
     }
 
     // Each check in the order it is made; a secure field's selection is never read.
@@ -231,6 +247,9 @@ private slots:
         const Clipboard mine = ScriptedTextBackend::plainText("mine");
         const int secure = int(Case::secureTextSelected);
         QTest::newRow("nothing moved") << plain << "" << plain << 1 << 1 << -1 << rich;
+        // Not knowing what the clipboard held is carried to the paste like a snapshot is.
+        QTest::newRow("owner hung early")
+            << plain << "hung" << plain << 1 << 1 << -1 << ScriptedTextBackend::plainText("hello");
         QTest::newRow("user copied") << plain << "copy" << plain << 1 << 2 << -1 << mine;
         // The snapshot held our earlier text; the restore that landed since brings the user's back.
         QTest::newRow("earlier restore landed") << plain << "restore" << plain << 1 << 3 << -1 << rich;
@@ -258,6 +277,7 @@ private slots:
         auto backend = std::make_shared<ScriptedTextBackend>();
         backend->clipboard = richClipboard();
         backend->confirms = meanwhile != "unconfirmed";
+        backend->ownerHangs = meanwhile == "hung";
         ManualScheduler scheduler;
         PasteTextInjector injector(backend, scheduler);
         if (meanwhile == "restore")

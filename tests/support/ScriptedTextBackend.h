@@ -26,18 +26,22 @@ public:
         ++focusLookups;
         return element ? std::make_unique<ScriptedElement>(*this) : nullptr;
     }
-    ClipboardSnapshot readClipboard() override {
+    std::optional<ClipboardSnapshot> readClipboard() override {
         ++clipboardReads;
+        if (ownerHangs)
+            return std::nullopt;
         return clipboard;
     }
     bool writeText(const QString &text) override {
         if (writeFails)
             return false;
+        ownerHangs = false;
         clipboard = plainText(text);
         ++m_changeCount;
         return true;
     }
     void writeClipboard(const ClipboardSnapshot &items) override {
+        ownerHangs = false;
         clipboard = items;
         ++m_changeCount;
         ++restores;
@@ -55,6 +59,7 @@ public:
     qint64 focusedWindow() override { return window; }
     // Someone else copies: the change count moves as it would for them.
     void copyElsewhere(const ClipboardSnapshot &items) {
+        ownerHangs = false;
         clipboard = items;
         ++m_changeCount;
     }
@@ -68,6 +73,9 @@ public:
     int clipboardReads = 0;
     bool writeFails = false;
     bool chordFails = false;
+    // The clipboard's owner does not answer, so its content cannot be read until someone else
+    // takes the clipboard.
+    bool ownerHangs = false;
     std::optional<Element> element = Element{};
     ClipboardSnapshot clipboard;
     QStringList pasted;

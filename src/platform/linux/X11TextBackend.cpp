@@ -274,15 +274,14 @@ bool X11TextBackend::clipboardOwnerAnswers() {
     }
 }
 
-DesktopTextBackend::ClipboardSnapshot X11TextBackend::readClipboard() {
+std::optional<DesktopTextBackend::ClipboardSnapshot> X11TextBackend::readClipboard() {
     if (!clipboardOwnerAnswers()) {
-        Log::warn(QStringLiteral("The clipboard's owner did not answer within 300 ms; its content cannot be saved "
-                                 "and will not come back after the paste."));
-        return {};
+        Log::warn(QStringLiteral("The clipboard's owner did not answer within 300 ms; its content cannot be saved."));
+        return std::nullopt;
     }
     const QMimeData *data = QGuiApplication::clipboard()->mimeData(QClipboard::Clipboard);
     if (!data)
-        return {};
+        return ClipboardSnapshot{};
     ClipboardItem item;
     for (const QString &format : data->formats())
         if (format != qtImageFormat)
@@ -290,8 +289,8 @@ DesktopTextBackend::ClipboardSnapshot X11TextBackend::readClipboard() {
     // A snapshot comes before a write: the write then need not wait for a fresh server time.
     refreshQtServerTimeIfStale();
     if (item.isEmpty())
-        return {};
-    return {item};
+        return ClipboardSnapshot{};
+    return ClipboardSnapshot{item};
 }
 
 bool X11TextBackend::writeText(const QString &text) {

@@ -8,7 +8,7 @@ class MacTextInjector final : public DesktopTextBackend {
 public:
     bool isTrusted() override;
     std::unique_ptr<FocusedElement> focusedElement() override;
-    ClipboardSnapshot readClipboard() override;
+    std::optional<ClipboardSnapshot> readClipboard() override;
     bool writeText(const QString &text) override;
     void writeClipboard(const ClipboardSnapshot &items) override;
     qint64 changeCount() override;

@@ -88,7 +88,7 @@ std::unique_ptr<FocusedElement> MacTextInjector::focusedElement() {
     return std::make_unique<AXFocusedElement>(static_cast<AXUIElementRef>(focused));
 }
 
-DesktopTextBackend::ClipboardSnapshot MacTextInjector::readClipboard() {
+std::optional<DesktopTextBackend::ClipboardSnapshot> MacTextInjector::readClipboard() {
     ClipboardSnapshot snapshot;
     for (NSPasteboardItem *item in NSPasteboard.generalPasteboard.pasteboardItems) {
         ClipboardItem saved;

@@ -30,6 +30,8 @@ struct Rig {
         usable = remote.keyboard;
         session = std::make_shared<RemoteDesktopSession>(QDBusConnection::sessionBus(), remote.clipboard, tokenFile);
         session->start();
+        // Without clipboard control the compositor's clipboard is XWayland's, which is never read back.
+        compositor->ownerHangs = true;
         injector = std::make_unique<PasteTextInjector>(
             std::make_shared<PortalTextBackend>(session, compositor, false, [this] { return destination; }), clock);
     }

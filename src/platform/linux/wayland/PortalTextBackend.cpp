@@ -45,26 +45,21 @@ std::unique_ptr<FocusedElement> PortalTextBackend::focusedElement() {
     return m_compositor->focusedElement();
 }
 
-DesktopTextBackend::ClipboardSnapshot PortalTextBackend::readClipboard() {
-    m_keepTextAfterPaste = false;
+std::optional<DesktopTextBackend::ClipboardSnapshot> PortalTextBackend::readClipboard() {
     if (!portalClipboard())
         return m_compositor->readClipboard();
     if (!m_session->knowsClipboard()) {
-        m_keepTextAfterPaste = true;
-        Log::warn(QStringLiteral("The desktop has not said what is on your clipboard yet, so it cannot be saved; the "
-                                 "dictated text stays on the clipboard after the paste."));
-        return {};
+        Log::warn(QStringLiteral("The desktop has not said what is on your clipboard yet, so it cannot be saved."));
+        return std::nullopt;
     }
     const std::optional<ClipboardItem> item = m_session->readClipboard();
     if (!item) {
-        m_keepTextAfterPaste = true;
-        Log::warn(QStringLiteral("The clipboard's owner did not answer within 300 ms; its content cannot be saved, and "
-                                 "the dictated text stays on the clipboard after the paste."));
-        return {};
+        Log::warn(QStringLiteral("The clipboard's owner did not answer within 300 ms; its content cannot be saved."));
+        return std::nullopt;
     }
     if (item->isEmpty())
-        return {};
-    return {*item};
+        return ClipboardSnapshot{};
+    return ClipboardSnapshot{*item};
 }
 
 bool PortalTextBackend::writeText(const QString &text) {
@@ -78,15 +73,9 @@ bool PortalTextBackend::writeText(const QString &text) {
 
 void PortalTextBackend::writeClipboard(const ClipboardSnapshot &items) {
     if (!portalClipboard()) {
-        // XWayland's clipboard cannot be read back, so "nothing saved" means unknown rather than
-        // empty: the dictated text stays instead of leaving the clipboard blank.
-        if (!m_compositorHasClipboard && items.isEmpty())
-            return;
         m_compositor->writeClipboard(items);
         return;
     }
-    if (items.isEmpty() && m_keepTextAfterPaste)
-        return;
     // The portal's clipboard is one item; should several come, the first to name a format wins.
     ClipboardItem merged;
     for (const ClipboardItem &item : items)

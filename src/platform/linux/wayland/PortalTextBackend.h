@@ -29,7 +29,7 @@ public:
 
     bool isTrusted() override;
     std::unique_ptr<FocusedElement> focusedElement() override;
-    ClipboardSnapshot readClipboard() override;
+    std::optional<ClipboardSnapshot> readClipboard() override;
     bool writeText(const QString &text) override;
     void writeClipboard(const ClipboardSnapshot &items) override;
     qint64 changeCount() override;
@@ -42,7 +42,4 @@ private:
     const std::shared_ptr<DesktopTextBackend> m_compositor;
     const bool m_compositorHasClipboard;
     DestinationID m_destination;
-    // The last snapshot is not the user's clipboard but a guess of "empty": putting it back would
-    // only clear the dictated text, so it is left instead.
-    bool m_keepTextAfterPaste = false;
 };

@@ -368,24 +368,23 @@ std::unique_ptr<FocusedElement> WaylandTextBackend::focusedElement() {
     return AtspiFocus::focusedElementInActiveWindow();
 }
 
-DesktopTextBackend::ClipboardSnapshot WaylandTextBackend::readClipboard() {
+std::optional<DesktopTextBackend::ClipboardSnapshot> WaylandTextBackend::readClipboard() {
     State &s = *m_state;
-    // Through XWayland nothing is pasted (no clipboard control means no virtual keyboard either on
-    // the desktops concerned), so there is nothing to put back.
+    // XWayland's clipboard is only ever written, never read back, and a broken connection reads
+    // nothing: either way what the user has there is unknown.
     if (!s.device || !s.roundtrip())
-        return {};
+        return std::nullopt;
     // Our own text or restore is still there: asking ourselves would wait on our own event loop.
     if (s.source)
-        return {s.sourceData};
+        return ClipboardSnapshot{s.sourceData};
     const std::optional<ClipboardItem> item = s.read(s.selection, s.selectionTypes);
     if (!item) {
-        Log::warn(QStringLiteral("The clipboard's owner did not answer within 300 ms; its content cannot be "
-                                 "saved and will not come back after the paste."));
-        return {};
+        Log::warn(QStringLiteral("The clipboard's owner did not answer within 300 ms; its content cannot be saved."));
+        return std::nullopt;
     }
     if (item->isEmpty())
-        return {};
-    return {*item};
+        return ClipboardSnapshot{};
+    return ClipboardSnapshot{*item};
 }
 
 bool WaylandTextBackend::offer(const ClipboardItem &formats) {

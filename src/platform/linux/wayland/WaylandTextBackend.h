@@ -39,7 +39,7 @@ public:
 
     bool isTrusted() override;
     std::unique_ptr<FocusedElement> focusedElement() override;
-    ClipboardSnapshot readClipboard() override;
+    std::optional<ClipboardSnapshot> readClipboard() override;
     bool writeText(const QString &text) override;
     void writeClipboard(const ClipboardSnapshot &items) override;
     qint64 changeCount() override;
