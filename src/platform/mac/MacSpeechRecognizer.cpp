@@ -47,7 +47,8 @@ public:
     MacSession &operator=(const MacSession &) = delete;
 
     void append(const std::vector<float> &samples, double sampleRate) override {
-        if (m_handle)
+        // The bridge takes a non-null sample pointer, which an empty vector need not have.
+        if (m_handle && !samples.empty())
             quorvane_sr_session_append(m_handle, samples.data(), int32_t(samples.size()), sampleRate);
     }
 
