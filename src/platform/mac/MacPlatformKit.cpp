@@ -46,7 +46,7 @@ void wireDesktop(PlatformKit &kit, const Config &config) {
     kit.frontmostApp = std::make_shared<MacFrontmostApp>();
     // The shell installs `present`.
     kit.notifier = std::make_shared<PresentingNotifier>();
-    kit.cues = std::make_shared<MacCuePlayer>();
+    kit.cues = std::make_shared<ReportingCuePlayer>(std::make_shared<MacCuePlayer>());
     kit.permissions = std::make_shared<MacPermissions>();
 
     auto processes = std::make_shared<MacProcessTreeSource>();
