@@ -30,7 +30,7 @@ bool isDesktopApplication() {
     return qobject_cast<QGuiApplication *>(QCoreApplication::instance()) != nullptr;
 }
 
-void wireDesktop(PlatformKit &kit, const Config &config) {
+void wireDesktop(PlatformKit &kit, const Config &config, const std::shared_ptr<ProcessTreeSource> &processes) {
     kit.hotkey = [](PushToTalkKey key, PipelineMode) -> std::unique_ptr<GlobalHotkey> {
         return std::make_unique<PushToTalkHotkey>(key, std::make_shared<MacHotkey>());
     };
@@ -49,11 +49,9 @@ void wireDesktop(PlatformKit &kit, const Config &config) {
     kit.cues = std::make_shared<ReportingCuePlayer>(std::make_shared<MacCuePlayer>());
     kit.permissions = std::make_shared<MacPermissions>();
 
-    auto processes = std::make_shared<MacProcessTreeSource>();
     kit.agentHandoff = std::make_shared<TerminalAppHandoffLauncher>(text, kit.frontmostApp, processes,
                                                                     std::make_shared<MacTerminalApp>(),
                                                                     MacTerminalApp::bundleID(), QDir::homePath());
-    kit.wireRepositoryContext(processes, std::make_shared<MacFocusedDocumentSource>());
 }
 
 } // namespace
@@ -69,7 +67,10 @@ PlatformKit makePlatformKit(const Config &config) {
     kit.nativeFormatter = []() -> std::unique_ptr<TextFormatter> {
         return std::make_unique<FoundationModelFormatter>(std::make_shared<MacOnDeviceModel>());
     };
+    auto processes = std::make_shared<MacProcessTreeSource>();
     if (isDesktopApplication())
-        wireDesktop(kit, config);
+        wireDesktop(kit, config, processes);
+    // Last, so that it asks the frontmost-app service the kit ends up with.
+    kit.wireRepositoryContext(processes, std::make_shared<MacFocusedDocumentSource>());
     return kit;
 }
