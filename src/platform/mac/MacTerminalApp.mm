@@ -59,8 +59,8 @@ bool MacTerminalApp::pressReturn() {
     const bool created = down && up;
     if (created) {
         // A plain Return, whatever modifiers the source reports as held.
-        CGEventSetFlags(down, 0);
-        CGEventSetFlags(up, 0);
+        CGEventSetFlags(down, CGEventFlags(0));
+        CGEventSetFlags(up, CGEventFlags(0));
         CGEventPost(kCGHIDEventTap, down);
         CGEventPost(kCGHIDEventTap, up);
     }
