@@ -225,6 +225,11 @@ private Q_SLOTS:
     }
     void problemsThatStopDictationReachATerminal() {
         QFETCH(bool, throughTerminal);
+#ifndef Q_OS_LINUX
+        // BSD script(1) takes the command without -c.
+        if (throughTerminal)
+            QSKIP("needs the util-linux script(1) to give the application a terminal");
+#endif
         if (throughTerminal && !QFile::exists(QStringLiteral("/usr/bin/script")))
             QSKIP("script(1) is needed to give the application a terminal");
         QTemporaryDir home;

@@ -104,5 +104,6 @@ public func quorvaneFmSessionRespond(
         return
     }
     #endif
-    finish(2, "the on-device model needs macOS 26")
+    // Without the framework there is no session to answer; the C++ side words the failure.
+    finish(2, "")
 }

@@ -21,9 +21,6 @@ public:
     void close() override;
     bool isRunning() override;
 
-    // Asks the user for the Microphone permission (the system asks only once).
-    static void requestPermission();
-
 private:
     // The engine and what its tap delivers to.
     struct Engine;

@@ -95,12 +95,6 @@ bool MacAudioCapture::permissionGranted() {
     return [AVCaptureDevice authorizationStatusForMediaType:AVMediaTypeAudio] == AVAuthorizationStatusAuthorized;
 }
 
-void MacAudioCapture::requestPermission() {
-    [AVCaptureDevice requestAccessForMediaType:AVMediaTypeAudio
-                             completionHandler:^(BOOL){
-                             }];
-}
-
 bool MacAudioCapture::voiceProcessingEnabled() {
     return m_engine->engine.inputNode.voiceProcessingEnabled;
 }

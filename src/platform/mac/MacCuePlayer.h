@@ -1,17 +1,17 @@
 #pragma once
 
-#include "platform/CuePlayer.h"
+#include "platform/ReportingCuePlayer.h"
 
 #include <memory>
 
 // Plays the cues with NSSound from WAV data made in memory; NSSound plays asynchronously.
-class MacCuePlayer final : public CuePlayer {
+class MacCuePlayer final : public CueOutput {
 public:
     MacCuePlayer();
     ~MacCuePlayer() override;
 
     // On the main thread.
-    void play(Cue cue) override;
+    bool play(Cue cue) override;
 
 private:
     struct Sounds;

@@ -1,6 +1,5 @@
 #include "platform/mac/MacCuePlayer.h"
 
-#include "core/Log.h"
 #include "platform/CueSound.h"
 
 #import <AppKit/AppKit.h>
@@ -8,7 +7,6 @@
 struct MacCuePlayer::Sounds {
     NSSound *start = nil;
     NSSound *stop = nil;
-    bool saidUnavailable = false;
 };
 
 namespace {
@@ -28,13 +26,9 @@ MacCuePlayer::MacCuePlayer() : m_sounds(std::make_unique<Sounds>()) {
 
 MacCuePlayer::~MacCuePlayer() = default;
 
-void MacCuePlayer::play(Cue cue) {
+bool MacCuePlayer::play(Cue cue) {
     NSSound *sound = cue == Cue::start ? m_sounds->start : m_sounds->stop;
     // A cue still sounding from a quick press before starts over rather than being skipped.
     [sound stop];
-    if (sound && [sound play])
-        return;
-    if (!m_sounds->saidUnavailable)
-        Log::warn(QStringLiteral("Sounds are silent: the system could not play them."));
-    m_sounds->saidUnavailable = true;
+    return sound && [sound play];
 }

@@ -82,9 +82,11 @@ bool MacHotkey::start(Events events) {
     tap->source = CFMachPortCreateRunLoopSource(kCFAllocatorDefault, tap->port, 0);
     if (!tap->source)
         return false;
-    tap->thread = std::thread([raw = tap.get()] { raw->run(); });
+    Tap *raw = tap.get();
     std::lock_guard lock(m_lock);
     m_tap = std::move(tap);
+    // Started once stored, so that a tap the system disables at once is found by reenable().
+    raw->thread = std::thread([raw] { raw->run(); });
     return true;
 }
 

@@ -11,6 +11,8 @@ namespace {
 // own thread.
 using Resolution = detail::TimeoutResolution<QString>;
 
+constexpr const char *needsNewerSystem = "the on-device model needs macOS 26";
+
 void deliver(void *context, int32_t status, const char *text) {
     const std::unique_ptr<std::shared_ptr<Resolution>> resolution(static_cast<std::shared_ptr<Resolution> *>(context));
     const QString message = QString::fromUtf8(text ? text : "");
@@ -20,7 +22,8 @@ void deliver(void *context, int32_t status, const char *text) {
     else if (status == quorvane_fm_generation_error)
         outcome.error = std::make_exception_ptr(OnDeviceLanguageModel::GenerationError(message));
     else
-        outcome.error = std::make_exception_ptr(std::runtime_error(message.toStdString()));
+        outcome.error =
+            std::make_exception_ptr(std::runtime_error(message.isEmpty() ? needsNewerSystem : message.toStdString()));
     (*resolution)->resolve(std::move(outcome));
 }
 
@@ -41,7 +44,7 @@ public:
 
     QCoro::Task<QString> respond(QString prompt, int maximumResponseTokens) override {
         if (!m_handle)
-            throw std::runtime_error("the on-device model needs macOS 26");
+            throw std::runtime_error(needsNewerSystem);
         auto resolution = std::make_shared<Resolution>();
         quorvane_fm_session_respond(m_handle, prompt.toUtf8().constData(), maximumResponseTokens,
                                     new std::shared_ptr<Resolution>(resolution), &deliver);

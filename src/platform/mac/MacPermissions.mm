@@ -35,5 +35,9 @@ void MacPermissions::openMicrophoneSettings() {
 }
 
 void MacPermissions::openAccessibilitySettings() {
+    // Asking with the prompt option adds Quorvane to the Accessibility list, so the user finds a
+    // switch there instead of having to add the app by hand.
+    NSDictionary *options = @{(__bridge NSString *)kAXTrustedCheckOptionPrompt : @YES};
+    AXIsProcessTrustedWithOptions((__bridge CFDictionaryRef)options);
     MacHotkey::openAccessibilitySettings();
 }

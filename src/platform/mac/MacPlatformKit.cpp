@@ -14,15 +14,26 @@
 #include "platform/mac/MacPermissions.h"
 #include "platform/mac/MacProcessTreeSource.h"
 #include "platform/mac/MacSpeechRecognizer.h"
+#include "platform/mac/MacTerminalApp.h"
 #include "platform/mac/MacTextInjector.h"
+#include "repository/TerminalAppHandoffLauncher.h"
 #include "speech/SystemSpeechEngine.h"
 
-PlatformKit makePlatformKit(const Config &config) {
-    PlatformKit kit = PlatformKit::fallbacks();
+#include <QDir>
+#include <QGuiApplication>
+
+namespace {
+
+// Keys, microphone, pasteboard and sounds belong to the menu-bar application; the command-line
+// commands keep the fallbacks and open no device.
+bool isDesktopApplication() {
+    return qobject_cast<QGuiApplication *>(QCoreApplication::instance()) != nullptr;
+}
+
+void wireDesktop(PlatformKit &kit, const Config &config, const std::shared_ptr<ProcessTreeSource> &processes) {
     kit.hotkey = [](PushToTalkKey key, PipelineMode) -> std::unique_ptr<GlobalHotkey> {
         return std::make_unique<PushToTalkHotkey>(key, std::make_shared<MacHotkey>());
     };
-    kit.keyDisplayName = [](PushToTalkKey key) { return PhysicalKey::mac(key).displayName; };
 
     // One microphone for the life of the kit, so it stays warm across settings reloads.
     kit.makeCapture =
@@ -35,8 +46,19 @@ PlatformKit makePlatformKit(const Config &config) {
     kit.frontmostApp = std::make_shared<MacFrontmostApp>();
     // The shell installs `present`.
     kit.notifier = std::make_shared<PresentingNotifier>();
-    kit.cues = std::make_shared<MacCuePlayer>();
+    kit.cues = std::make_shared<ReportingCuePlayer>(std::make_shared<MacCuePlayer>());
     kit.permissions = std::make_shared<MacPermissions>();
+
+    kit.agentHandoff = std::make_shared<TerminalAppHandoffLauncher>(text, kit.frontmostApp, processes,
+                                                                    std::make_shared<MacTerminalApp>(),
+                                                                    MacTerminalApp::bundleID(), QDir::homePath());
+}
+
+} // namespace
+
+PlatformKit makePlatformKit(const Config &config) {
+    PlatformKit kit = PlatformKit::fallbacks();
+    kit.keyDisplayName = [](PushToTalkKey key) { return PhysicalKey::mac(key).displayName; };
     // The locale, permission and model are checked when the engine prepares, so a problem is reported
     // the way every engine reports one.
     kit.nativeAsrEngine = [](const QString &locale) -> std::unique_ptr<AsrEngine> {
@@ -45,7 +67,10 @@ PlatformKit makePlatformKit(const Config &config) {
     kit.nativeFormatter = []() -> std::unique_ptr<TextFormatter> {
         return std::make_unique<FoundationModelFormatter>(std::make_shared<MacOnDeviceModel>());
     };
-
-    kit.wireRepositoryContext(std::make_shared<MacProcessTreeSource>(), std::make_shared<MacFocusedDocumentSource>());
+    auto processes = std::make_shared<MacProcessTreeSource>();
+    if (isDesktopApplication())
+        wireDesktop(kit, config, processes);
+    // Last, so that it asks the frontmost-app service the kit ends up with.
+    kit.wireRepositoryContext(processes, std::make_shared<MacFocusedDocumentSource>());
     return kit;
 }

@@ -47,13 +47,14 @@ public:
     MacSession &operator=(const MacSession &) = delete;
 
     void append(const std::vector<float> &samples, double sampleRate) override {
-        if (m_handle)
+        // The bridge takes a non-null sample pointer, which an empty vector need not have.
+        if (m_handle && !samples.empty())
             quorvane_sr_session_append(m_handle, samples.data(), int32_t(samples.size()), sampleRate);
     }
 
     void finish(std::function<void(Ending)> done) override {
         if (!m_handle) {
-            done(Ending{Ending::Kind::failed, QStringLiteral("the recognizer could not start")});
+            done(Ending{Ending::Kind::failed, {}});
             return;
         }
         quorvane_sr_session_finish(m_handle, handlerContext([done](int32_t status, QString text) {
@@ -120,8 +121,13 @@ void MacSpeechRecognizer::localeSupport(const QString &locale, std::function<voi
 std::function<double()> MacSpeechRecognizer::install(const QString &locale, std::function<void(QString error)> done) {
     auto handle = std::make_shared<InstallHandle>();
     handle->handle = quorvane_sr_install(
-        locale.toUtf8().constData(),
-        handlerContext([done](int32_t status, QString text) { done(status == 0 ? QString() : text); }), &deliverStatus);
+        locale.toUtf8().constData(), handlerContext([done](int32_t status, QString text) {
+            if (status == 0)
+                done(QString());
+            else
+                done(text.isEmpty() ? QStringLiteral("this version of macOS offers no speech model downloads") : text);
+        }),
+        &deliverStatus);
     return [handle] { return handle->handle ? quorvane_sr_install_progress(handle->handle) : 0.0; };
 }
 

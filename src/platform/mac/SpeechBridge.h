@@ -21,7 +21,8 @@ void quorvane_sr_request_permission(void *context, quorvane_sr_status_callback c
 // Status 0 model installed, 1 model downloadable, 2 locale not recognised on the device.
 void quorvane_sr_locale_support(const char *locale, void *context, quorvane_sr_status_callback callback);
 
-// Starts downloading the model for `locale`; status 0 installed, 1 failed with its description.
+// Starts downloading the model for `locale`; status 0 installed, 1 failed with the platform's
+// description (empty where the system offers no download).
 // Returns a handle whose progress can be read until quorvane_sr_install_release.
 void *quorvane_sr_install(const char *locale, void *context, quorvane_sr_status_callback callback);
 double quorvane_sr_install_progress(void *install);
@@ -34,7 +35,8 @@ void *quorvane_sr_session_start(const char *locale, const char *const *contextua
                                 quorvane_sr_segment_callback onSegment);
 // Mono float samples at `sampleRate`; the bridge converts them to what the recogniser takes.
 void quorvane_sr_session_append(void *session, const float *samples, int32_t count, double sampleRate);
-// Ends the audio; `callback` is called exactly once: status 0 finished, 1 no speech heard, 2 failed.
+// Ends the audio; `callback` is called exactly once: status 0 finished, 1 no speech heard, 2 failed
+// (with the platform's description, empty when it gave none).
 void quorvane_sr_session_finish(void *session, void *context, quorvane_sr_status_callback callback);
 void quorvane_sr_session_cancel(void *session);
 // After this no segment callback runs.

@@ -179,7 +179,8 @@ public func quorvaneSrInstall(_ locale: UnsafePointer<CChar>, _ context: UnsafeM
         return Unmanaged.passRetained(box).toOpaque()
     }
     #endif
-    reply.send(1, "this version of macOS cannot download speech models for other applications")
+    // The older recogniser offers no download; the engine never asks for one there.
+    reply.send(1)
     return Unmanaged.passRetained(box).toOpaque()
 }
 
@@ -219,7 +220,7 @@ private class SpeechSession: @unchecked Sendable {
     }
 
     func append(_ samples: UnsafePointer<Float>, _ count: Int, _ rate: Double) {}
-    func finish(_ reply: Reply) { reply.send(2, "the recognizer could not start") }
+    func finish(_ reply: Reply) { reply.send(2) }
     func cancel() {}
 }
 
@@ -261,17 +262,18 @@ private final class AnalyzerSession: SpeechSession {
                 }
             }
             try await analyzer.start(inputSequence: stream)
-            self.lock.lock()
-            self.results = results
-            self.analyzer = analyzer
-            self.format = format
-            self.ready = true
-            let waiting = self.pending
-            self.pending = []
-            for (samples, rate) in waiting {
-                samples.withUnsafeBufferPointer { self.yieldLocked($0.baseAddress!, samples.count, rate) }
+            // withLock: a plain lock() may not be called from an asynchronous context.
+            self.lock.withLock {
+                self.results = results
+                self.analyzer = analyzer
+                self.format = format
+                self.ready = true
+                let waiting = self.pending
+                self.pending = []
+                for (samples, rate) in waiting {
+                    samples.withUnsafeBufferPointer { self.yieldLocked($0.baseAddress!, samples.count, rate) }
+                }
             }
-            self.lock.unlock()
         }
     }
 
@@ -297,10 +299,7 @@ private final class AnalyzerSession: SpeechSession {
             do {
                 try await self.setup?.value
                 self.input.finish()
-                self.lock.lock()
-                let analyzer = self.analyzer
-                let results = self.results
-                self.lock.unlock()
+                let (analyzer, results) = self.lock.withLock { (self.analyzer, self.results) }
                 try await analyzer?.finalizeAndFinishThroughEndOfInput()
                 try await results?.value
                 reply.send(0)
@@ -335,7 +334,7 @@ private final class RecognizerSession: SpeechSession {
     init(locale: String, phrases: [String], context: UnsafeMutableRawPointer?, onSegment: QuorvaneSrSegmentCallback) {
         super.init(context: context, onSegment: onSegment)
         guard let recognizer = legacyRecognizer(locale), recognizer.supportsOnDeviceRecognition else {
-            ending = (2, "on-device recognition of \(locale) is not available")
+            ending = (2, "")
             return
         }
         request.requiresOnDeviceRecognition = true
