@@ -11,7 +11,6 @@
 #include "platform/WarmMicrophone.h"
 #include "platform/linux/FreedesktopNotifications.h"
 #include "platform/linux/HyprlandFrontmostApp.h"
-#include "platform/linux/LinuxAgentHandoffLauncher.h"
 #include "platform/linux/LinuxAppRules.h"
 #include "platform/linux/PocketSphinxEngine.h"
 #include "platform/linux/ProcProcessTreeSource.h"
@@ -20,12 +19,14 @@
 #include "platform/linux/SwayFrontmostApp.h"
 #include "platform/linux/X11FocusedDocumentSource.h"
 #include "platform/linux/X11FrontmostApp.h"
+#include "platform/linux/X11HandoffTerminal.h"
 #include "platform/linux/X11HotkeyBackend.h"
 #include "platform/linux/X11TextBackend.h"
 #include "platform/linux/wayland/PortalTextBackend.h"
 #include "platform/linux/wayland/RemoteDesktopSession.h"
 #include "platform/linux/wayland/WaylandKeys.h"
 #include "platform/linux/wayland/WaylandTextBackend.h"
+#include "repository/AgentHandoffLauncher.h"
 
 #include <QDBusConnection>
 #include <QDir>
@@ -46,7 +47,9 @@ void wireX11(PlatformKit &kit) {
     auto injector = std::make_shared<PasteTextInjector>(std::make_shared<X11TextBackend>());
     kit.injector = injector;
     kit.selectionEditor = injector;
-    kit.agentHandoff = LinuxAgentHandoffLauncher::create(injector, kit.frontmostApp);
+    kit.agentHandoff =
+        std::make_shared<AgentHandoffLauncher>(injector, kit.frontmostApp, std::make_shared<ProcProcessTreeSource>(),
+                                               std::make_shared<X11HandoffTerminal>(), QDir::homePath());
     Log::info(QStringLiteral("X11 session: keys through XInput2, paste through the clipboard and XTest."));
 }
 

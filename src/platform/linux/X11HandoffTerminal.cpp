@@ -1,9 +1,9 @@
 #include "platform/linux/X11HandoffTerminal.h"
 
-#include "core/QuorvaneError.h"
 #include "platform/linux/X11Errors.h"
 #include "platform/linux/X11Windows.h"
 
+#include <QFileInfo>
 #include <QProcess>
 #include <atomic>
 #include <unistd.h>
@@ -100,10 +100,10 @@ X11HandoffTerminal::~X11HandoffTerminal() {
         XCloseDisplay(m_display);
 }
 
-std::function<bool()> X11HandoffTerminal::open(const QString &folder, const QString &script) {
+QCoro::Task<TerminalOpening> X11HandoffTerminal::open(QString scriptPath) {
     const auto terminal = m_terminal ? m_terminal : TerminalEmulators::choose();
     if (!terminal)
-        throw QuorvaneError::agentHandoffFailed(QStringLiteral("Terminal could not be opened"));
+        co_return TerminalOpening{TerminalOpening::Outcome::notStarted, {}};
     {
         std::lock_guard lock(m_mutex);
         m_windowsBefore = display() ? managedWindows(display()) : QList<unsigned long>{};
@@ -114,8 +114,9 @@ std::function<bool()> X11HandoffTerminal::open(const QString &folder, const QStr
     process->setProgram(terminal->program);
     // The script is named relative to its folder so that no terminal's own parsing of the command
     // can split a home folder with spaces in it.
-    process->setArguments(terminal->arguments(script));
-    process->setWorkingDirectory(folder);
+    const QFileInfo script(scriptPath);
+    process->setArguments(terminal->arguments(script.fileName()));
+    process->setWorkingDirectory(script.absolutePath());
     process->setStandardInputFile(QProcess::nullDevice());
     process->setStandardOutputFile(QProcess::nullDevice());
     process->setStandardErrorFile(QProcess::nullDevice());
@@ -129,9 +130,10 @@ std::function<bool()> X11HandoffTerminal::open(const QString &folder, const QStr
     process->start();
     if (!process->waitForStarted(5000)) {
         delete process;
-        throw QuorvaneError::agentHandoffFailed(QStringLiteral("Terminal could not be opened"));
+        co_return TerminalOpening{TerminalOpening::Outcome::notStarted, {}};
     }
-    return [failed] { return failed->load(); };
+    // The emulator runs as long as its window: a failure shows while the agent is awaited.
+    co_return TerminalOpening{TerminalOpening::Outcome::opened, [failed] { return failed->load(); }};
 }
 
 std::optional<QString> X11HandoffTerminal::screenText(qint32 terminalProcessID) {
@@ -183,7 +185,7 @@ _XDisplay *X11HandoffTerminal::display() {
     return m_display;
 }
 
-bool X11HandoffTerminal::newWindowInFront() {
+bool X11HandoffTerminal::agentWindowInFront(const FrontmostApp &) {
     std::lock_guard lock(m_mutex);
     if (!display())
         return false;

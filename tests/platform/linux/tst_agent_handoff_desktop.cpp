@@ -4,10 +4,10 @@
 #include "core/Async.h"
 #include "core/QuorvaneError.h"
 #include "linux/XdotoolTypingInjector.h"
-#include "platform/linux/LinuxAgentHandoffLauncher.h"
 #include "platform/linux/ProcProcessTreeSource.h"
 #include "platform/linux/X11FrontmostApp.h"
 #include "platform/linux/X11HandoffTerminal.h"
+#include "repository/AgentHandoffLauncher.h"
 #include "repository/AgentHandoffScriptBuilder.h"
 
 #include <QFile>
@@ -26,11 +26,11 @@ public:
     explicit CountingTerminal(const TerminalEmulator &terminal) : real(terminal) {}
     X11HandoffTerminal real;
     int opened = 0;
-    std::function<bool()> open(const QString &folder, const QString &script) override {
+    QCoro::Task<TerminalOpening> open(QString scriptPath) override {
         ++opened;
-        return real.open(folder, script);
+        return real.open(scriptPath);
     }
-    bool newWindowInFront() override { return real.newWindowInFront(); }
+    bool agentWindowInFront(const FrontmostApp &front) override { return real.agentWindowInFront(front); }
     std::optional<QString> screenText(qint32 terminalProcessID) override { return real.screenText(terminalProcessID); }
     bool pressReturn() override { return real.pressReturn(); }
 };
@@ -107,9 +107,9 @@ private slots:
 
         auto injector = std::make_shared<XdotoolTypingInjector>();
         auto terminal = std::make_shared<CountingTerminal>(terminalProgram == xterm.program ? xterm : lxterminal);
-        LinuxAgentHandoffLauncher launcher(injector, std::make_shared<X11FrontmostApp>(),
-                                           std::make_shared<ProcProcessTreeSource>(), terminal, home,
-                                           repo.scratch() + "/handoffs");
+        AgentHandoffLauncher launcher(injector, std::make_shared<X11FrontmostApp>(),
+                                      std::make_shared<ProcProcessTreeSource>(), terminal, home,
+                                      repo.scratch() + "/handoffs");
         RepositoryContext repository;
         repository.rootPath = repo.root();
         const QString prompt = "Add a test for the parser's empty input";
