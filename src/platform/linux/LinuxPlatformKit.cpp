@@ -24,6 +24,7 @@
 #include "platform/linux/X11TextBackend.h"
 #include "platform/linux/wayland/PortalTextBackend.h"
 #include "platform/linux/wayland/RemoteDesktopSession.h"
+#include "platform/linux/wayland/WaylandHandoffTerminal.h"
 #include "platform/linux/wayland/WaylandKeys.h"
 #include "platform/linux/wayland/WaylandTextBackend.h"
 #include "repository/AgentHandoffLauncher.h"
@@ -65,6 +66,7 @@ void wireWayland(PlatformKit &kit) {
         qEnvironmentVariable("XDG_RUNTIME_DIR"), qEnvironmentVariable("HYPRLAND_INSTANCE_SIGNATURE"));
     const QString swaySocket = qEnvironmentVariable("SWAYSOCK");
     std::function<QString()> applicationID;
+    WaylandHandoffTerminal::WindowList windows;
     bool windowTree = false;
     if (!hyprlandSocket.isEmpty()) {
         auto hyprland = std::make_shared<HyprlandFrontmostApp>(hyprlandSocket);
@@ -73,6 +75,10 @@ void wireWayland(PlatformKit &kit) {
             const auto provider = weak.lock();
             return provider ? provider->focusedApplicationID() : QString();
         };
+        windows = [weak = std::weak_ptr(hyprland)] {
+            const auto provider = weak.lock();
+            return provider ? provider->windows() : std::nullopt;
+        };
         windowTree = HyprlandFrontmostApp::answers(hyprlandSocket);
     } else {
         auto sway = std::make_shared<SwayFrontmostApp>(swaySocket);
@@ -80,6 +86,10 @@ void wireWayland(PlatformKit &kit) {
         applicationID = [weak = std::weak_ptr(sway)] {
             const auto provider = weak.lock();
             return provider ? provider->focusedApplicationID() : QString();
+        };
+        windows = [weak = std::weak_ptr(sway)] {
+            const auto provider = weak.lock();
+            return provider ? provider->windows() : std::nullopt;
         };
         windowTree = SwayFrontmostApp::answers(swaySocket);
     }
@@ -117,6 +127,13 @@ void wireWayland(PlatformKit &kit) {
     auto injector = std::make_shared<PasteTextInjector>(backend);
     kit.injector = injector;
     kit.selectionEditor = injector;
+    // The agent's new window is told from the compositor's window list, and Return goes through our
+    // own virtual keyboard: without either, the prompt stays on the clipboard.
+    if (windowTree && services.virtualKeyboard)
+        kit.agentHandoff = std::make_shared<AgentHandoffLauncher>(
+            injector, kit.frontmostApp, std::make_shared<ProcProcessTreeSource>(),
+            std::make_shared<WaylandHandoffTerminal>(windows, [text] { return text->pressReturn(); }),
+            QDir::homePath());
 
     kit.sessionGaps = SessionType::waylandGaps(services);
     const auto has = [](bool present) { return present ? QStringLiteral("yes") : QStringLiteral("no"); };

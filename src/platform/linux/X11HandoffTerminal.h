@@ -22,10 +22,6 @@ public:
     std::optional<QString> screenText(qint32 terminalProcessID) override;
     bool pressReturn() override;
 
-    // The text of the terminal widget in the active window of process `processID`; absent when AT-SPI is off or the
-    // application publishes no terminal text.
-    static std::optional<QString> accessibleTerminalText(qint32 processID);
-
 private:
     _XDisplay *display();
 

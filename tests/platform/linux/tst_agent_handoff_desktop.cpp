@@ -3,12 +3,12 @@
 #include "TempGitRepository.h"
 #include "core/Async.h"
 #include "core/QuorvaneError.h"
+#include "linux/DesktopDriver.h"
 #include "linux/XdotoolTypingInjector.h"
 #include "platform/linux/ProcProcessTreeSource.h"
 #include "platform/linux/X11FrontmostApp.h"
 #include "platform/linux/X11HandoffTerminal.h"
 #include "repository/AgentHandoffLauncher.h"
-#include "repository/AgentHandoffScriptBuilder.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -34,15 +34,6 @@ public:
     std::optional<QString> screenText(qint32 terminalProcessID) override { return real.screenText(terminalProcessID); }
     bool pressReturn() override { return real.pressReturn(); }
 };
-
-// A stand-in agent: shows `banner`, then records its folder and the first line it reads. It ends by
-// itself so that no window outlives the test for long.
-QByteArray standInAgent(const QString &banner, const QString &record) {
-    return "#!/bin/sh\n(/bin/sleep 20; kill $$ 2>/dev/null) &\nprintf '%s\\n> ' " +
-           AgentHandoffScriptBuilder::quote(banner).toUtf8() +
-           "\nIFS= read -r line\n{ pwd; printf '%s\\n' \"$line\"; } > " +
-           AgentHandoffScriptBuilder::quote(record).toUtf8() + "\n/bin/sleep 2\n";
-}
 
 QString contents(const QString &path) {
     return QString::fromUtf8(readFileBytes(path));
