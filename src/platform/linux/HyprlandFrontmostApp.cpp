@@ -65,6 +65,25 @@ std::optional<HyprlandFrontmostApp::Window> HyprlandFrontmostApp::activeWindow(c
     return window;
 }
 
+CompositorWindows HyprlandFrontmostApp::windows(const QJsonArray &clients, const QJsonObject &active) {
+    CompositorWindows windows;
+    for (const QJsonValue client : clients)
+        if (const QString address = client.toObject().value(QLatin1String("address")).toString(); !address.isEmpty())
+            windows.all << address;
+    windows.focused = active.value(QLatin1String("address")).toString();
+    return windows;
+}
+
+std::optional<CompositorWindows> HyprlandFrontmostApp::windows() {
+    const std::optional<QByteArray> clients = request(m_socketPath, QByteArrayLiteral("j/clients"));
+    const std::optional<QByteArray> active = request(m_socketPath, QByteArrayLiteral("j/activewindow"));
+    const QJsonDocument list = clients ? QJsonDocument::fromJson(*clients) : QJsonDocument();
+    const QJsonDocument front = active ? QJsonDocument::fromJson(*active) : QJsonDocument();
+    if (!list.isArray() || !front.isObject())
+        return std::nullopt;
+    return windows(list.array(), front.object());
+}
+
 std::optional<std::optional<HyprlandFrontmostApp::Window>> HyprlandFrontmostApp::active() {
     const std::optional<QByteArray> reply = request(m_socketPath, QByteArrayLiteral("j/activewindow"));
     const QJsonDocument document = reply ? QJsonDocument::fromJson(*reply) : QJsonDocument();

@@ -1,8 +1,10 @@
 #pragma once
 
 #include "platform/TextInjection.h"
+#include "platform/linux/CompositorWindows.h"
 #include "platform/linux/DesktopEntries.h"
 
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
 #include <memory>
@@ -31,11 +33,16 @@ public:
     // The class of the active window, for the paste chord; empty when unknown.
     QString focusedApplicationID();
 
+    // Every window Hyprland manages now, by address; nullopt when it does not answer.
+    std::optional<CompositorWindows> windows();
+
     // The request socket of the instance named by HYPRLAND_INSTANCE_SIGNATURE: under the runtime
     // folder, or under /tmp where an older Hyprland put it. Empty without a signature.
     static QString socketPath(const QString &runtimeDir, const QString &signature);
     // The window of an "activewindow" reply; nullopt when no window is active.
     static std::optional<Window> activeWindow(const QJsonObject &reply);
+    // The windows of a "clients" reply and an "activewindow" reply.
+    static CompositorWindows windows(const QJsonArray &clients, const QJsonObject &active);
     // Whether a compositor answers on the socket.
     static bool answers(const QString &socketPath);
     // One request; the reply is everything Hyprland writes before it closes. Nullopt on failure.

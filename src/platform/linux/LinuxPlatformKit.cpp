@@ -11,7 +11,6 @@
 #include "platform/WarmMicrophone.h"
 #include "platform/linux/FreedesktopNotifications.h"
 #include "platform/linux/HyprlandFrontmostApp.h"
-#include "platform/linux/LinuxAgentHandoffLauncher.h"
 #include "platform/linux/LinuxAppRules.h"
 #include "platform/linux/PocketSphinxEngine.h"
 #include "platform/linux/ProcProcessTreeSource.h"
@@ -20,12 +19,15 @@
 #include "platform/linux/SwayFrontmostApp.h"
 #include "platform/linux/X11FocusedDocumentSource.h"
 #include "platform/linux/X11FrontmostApp.h"
+#include "platform/linux/X11HandoffTerminal.h"
 #include "platform/linux/X11HotkeyBackend.h"
 #include "platform/linux/X11TextBackend.h"
 #include "platform/linux/wayland/PortalTextBackend.h"
 #include "platform/linux/wayland/RemoteDesktopSession.h"
+#include "platform/linux/wayland/WaylandHandoffTerminal.h"
 #include "platform/linux/wayland/WaylandKeys.h"
 #include "platform/linux/wayland/WaylandTextBackend.h"
+#include "repository/AgentHandoffLauncher.h"
 
 #include <QDBusConnection>
 #include <QDir>
@@ -46,7 +48,9 @@ void wireX11(PlatformKit &kit) {
     auto injector = std::make_shared<PasteTextInjector>(std::make_shared<X11TextBackend>());
     kit.injector = injector;
     kit.selectionEditor = injector;
-    kit.agentHandoff = LinuxAgentHandoffLauncher::create(injector, kit.frontmostApp);
+    kit.agentHandoff =
+        std::make_shared<AgentHandoffLauncher>(injector, kit.frontmostApp, std::make_shared<ProcProcessTreeSource>(),
+                                               std::make_shared<X11HandoffTerminal>(), QDir::homePath());
     Log::info(QStringLiteral("X11 session: keys through XInput2, paste through the clipboard and XTest."));
 }
 
@@ -62,6 +66,7 @@ void wireWayland(PlatformKit &kit) {
         qEnvironmentVariable("XDG_RUNTIME_DIR"), qEnvironmentVariable("HYPRLAND_INSTANCE_SIGNATURE"));
     const QString swaySocket = qEnvironmentVariable("SWAYSOCK");
     std::function<QString()> applicationID;
+    WaylandHandoffTerminal::WindowList windows;
     bool windowTree = false;
     if (!hyprlandSocket.isEmpty()) {
         auto hyprland = std::make_shared<HyprlandFrontmostApp>(hyprlandSocket);
@@ -70,6 +75,10 @@ void wireWayland(PlatformKit &kit) {
             const auto provider = weak.lock();
             return provider ? provider->focusedApplicationID() : QString();
         };
+        windows = [weak = std::weak_ptr(hyprland)] {
+            const auto provider = weak.lock();
+            return provider ? provider->windows() : std::nullopt;
+        };
         windowTree = HyprlandFrontmostApp::answers(hyprlandSocket);
     } else {
         auto sway = std::make_shared<SwayFrontmostApp>(swaySocket);
@@ -77,6 +86,10 @@ void wireWayland(PlatformKit &kit) {
         applicationID = [weak = std::weak_ptr(sway)] {
             const auto provider = weak.lock();
             return provider ? provider->focusedApplicationID() : QString();
+        };
+        windows = [weak = std::weak_ptr(sway)] {
+            const auto provider = weak.lock();
+            return provider ? provider->windows() : std::nullopt;
         };
         windowTree = SwayFrontmostApp::answers(swaySocket);
     }
@@ -114,6 +127,13 @@ void wireWayland(PlatformKit &kit) {
     auto injector = std::make_shared<PasteTextInjector>(backend);
     kit.injector = injector;
     kit.selectionEditor = injector;
+    // The agent's new window is told from the compositor's window list, and Return goes through our
+    // own virtual keyboard: without either, the prompt stays on the clipboard.
+    if (windowTree && services.virtualKeyboard)
+        kit.agentHandoff = std::make_shared<AgentHandoffLauncher>(
+            injector, kit.frontmostApp, std::make_shared<ProcProcessTreeSource>(),
+            std::make_shared<WaylandHandoffTerminal>(windows, [text] { return text->pressReturn(); }),
+            QDir::homePath());
 
     kit.sessionGaps = SessionType::waylandGaps(services);
     const auto has = [](bool present) { return present ? QStringLiteral("yes") : QStringLiteral("no"); };

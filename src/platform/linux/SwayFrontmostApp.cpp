@@ -39,6 +39,19 @@ std::optional<SwayFrontmostApp::Window> search(const QJsonObject &node) {
     return std::nullopt;
 }
 
+// Windows are the nodes with a client process; containers and workspaces have none.
+void collectWindows(const QJsonObject &node, CompositorWindows &windows) {
+    if (node.contains(QLatin1String("pid"))) {
+        const QString id = QString::number(node.value(QLatin1String("id")).toInteger());
+        windows.all << id;
+        if (node.value(QLatin1String("focused")).toBool())
+            windows.focused = id;
+    }
+    for (const char *children : {"nodes", "floating_nodes"})
+        for (const QJsonValue child : node.value(QLatin1String(children)).toArray())
+            collectWindows(child.toObject(), windows);
+}
+
 } // namespace
 
 SwayFrontmostApp::SwayFrontmostApp(QString socketPath) : m_socketPath(std::move(socketPath)) {}
@@ -74,6 +87,20 @@ bool SwayFrontmostApp::answers(const QString &socketPath) {
 
 std::optional<SwayFrontmostApp::Window> SwayFrontmostApp::focusedWindow(const QJsonObject &tree) {
     return search(tree);
+}
+
+CompositorWindows SwayFrontmostApp::windows(const QJsonObject &tree) {
+    CompositorWindows windows;
+    collectWindows(tree, windows);
+    return windows;
+}
+
+std::optional<CompositorWindows> SwayFrontmostApp::windows() {
+    const std::optional<QByteArray> reply = request(m_socketPath, getTree);
+    const QJsonDocument document = reply ? QJsonDocument::fromJson(*reply) : QJsonDocument();
+    if (!document.isObject())
+        return std::nullopt;
+    return windows(document.object());
 }
 
 std::optional<SwayFrontmostApp::Window> SwayFrontmostApp::focused() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/TextInjection.h"
+#include "platform/linux/CompositorWindows.h"
 #include "platform/linux/DesktopEntries.h"
 
 #include <QJsonObject>
@@ -33,8 +34,13 @@ public:
     // The app_id or class of the focused window, for the paste chord; empty when unknown.
     QString focusedApplicationID();
 
+    // Every window sway manages now; nullopt when sway does not answer.
+    std::optional<CompositorWindows> windows();
+
     // The focused window of a GET_TREE reply; nullopt when nothing has the focus.
     static std::optional<Window> focusedWindow(const QJsonObject &tree);
+    // The windows of a GET_TREE reply, by node id.
+    static CompositorWindows windows(const QJsonObject &tree);
     // Whether a compositor answers on the socket.
     static bool answers(const QString &socketPath);
     // One request over the socket, with a time limit; nullopt when it fails.

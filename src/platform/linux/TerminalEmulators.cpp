@@ -1,6 +1,10 @@
 #include "platform/linux/TerminalEmulators.h"
 
 #include <QFileInfo>
+#include <QProcess>
+#include <atomic>
+#include <memory>
+#include <unistd.h>
 
 namespace {
 
@@ -57,6 +61,35 @@ std::optional<TerminalEmulator> choose(const std::function<bool(const QString &)
 std::optional<TerminalEmulator> choose() {
     return choose([](const QString &path) { return QFileInfo(path).isExecutable(); },
                   [](const QString &path) { return QFileInfo(path).canonicalFilePath(); });
+}
+
+TerminalOpening start(const TerminalEmulator &terminal, const QString &scriptPath) {
+    // Never parented nor deleted while it runs: destroying a QProcess kills its program, and the
+    // agent's window must outlive this handoff and the app itself.
+    auto *process = new QProcess;
+    process->setProgram(terminal.program);
+    // The script is named relative to its folder so that no terminal's own parsing of the command
+    // can split a home folder with spaces in it.
+    const QFileInfo script(scriptPath);
+    process->setArguments(terminal.arguments(script.fileName()));
+    process->setWorkingDirectory(script.absolutePath());
+    process->setStandardInputFile(QProcess::nullDevice());
+    process->setStandardOutputFile(QProcess::nullDevice());
+    process->setStandardErrorFile(QProcess::nullDevice());
+    // Its own session: a Ctrl+C aimed at us in a shell must not reach the user's agent.
+    process->setChildProcessModifier([] { ::setsid(); });
+    auto failed = std::make_shared<std::atomic<bool>>(false);
+    QObject::connect(process, &QProcess::finished, process, [process, failed](int code, QProcess::ExitStatus status) {
+        failed->store(status != QProcess::NormalExit || code != 0);
+        process->deleteLater();
+    });
+    process->start();
+    if (!process->waitForStarted(5000)) {
+        delete process;
+        return TerminalOpening{TerminalOpening::Outcome::notStarted, {}};
+    }
+    // The emulator runs as long as its window: a failure shows while the agent is awaited.
+    return TerminalOpening{TerminalOpening::Outcome::opened, [failed] { return failed->load(); }};
 }
 
 } // namespace TerminalEmulators

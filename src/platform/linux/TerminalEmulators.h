@@ -1,5 +1,7 @@
 #pragma once
 
+#include "repository/HandoffTerminal.h"
+
 #include <QString>
 #include <QStringList>
 #include <functional>
@@ -33,5 +35,8 @@ std::optional<TerminalEmulator> choose(const std::function<bool(const QString &)
                                        const std::function<QString(const QString &)> &resolve);
 // The same on this machine.
 std::optional<TerminalEmulator> choose();
+
+// Starts `terminal` running the launch script at `scriptPath`, detached: its window outlives us.
+TerminalOpening start(const TerminalEmulator &terminal, const QString &scriptPath);
 
 } // namespace TerminalEmulators

@@ -1,8 +1,9 @@
 #pragma once
 
-#include "platform/linux/LinuxAgentHandoffLauncher.h"
 #include "platform/linux/TerminalEmulators.h"
+#include "repository/HandoffTerminal.h"
 
+#include <QList>
 #include <mutex>
 
 struct _XDisplay;
@@ -16,14 +17,10 @@ public:
     explicit X11HandoffTerminal(std::optional<TerminalEmulator> terminal = std::nullopt);
     ~X11HandoffTerminal() override;
 
-    std::function<bool()> open(const QString &folder, const QString &script) override;
-    bool newWindowInFront() override;
+    QCoro::Task<TerminalOpening> open(QString scriptPath) override;
+    bool agentWindowInFront(const FrontmostApp &front) override;
     std::optional<QString> screenText(qint32 terminalProcessID) override;
     bool pressReturn() override;
-
-    // The text of the terminal widget in the active window of process `processID`; absent when AT-SPI is off or the
-    // application publishes no terminal text.
-    static std::optional<QString> accessibleTerminalText(qint32 processID);
 
 private:
     _XDisplay *display();

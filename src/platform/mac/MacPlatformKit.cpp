@@ -16,7 +16,7 @@
 #include "platform/mac/MacSpeechRecognizer.h"
 #include "platform/mac/MacTerminalApp.h"
 #include "platform/mac/MacTextInjector.h"
-#include "repository/TerminalAppHandoffLauncher.h"
+#include "repository/AgentHandoffLauncher.h"
 #include "speech/SystemSpeechEngine.h"
 
 #include <QDir>
@@ -49,9 +49,8 @@ void wireDesktop(PlatformKit &kit, const Config &config, const std::shared_ptr<P
     kit.cues = std::make_shared<ReportingCuePlayer>(std::make_shared<MacCuePlayer>());
     kit.permissions = std::make_shared<MacPermissions>();
 
-    kit.agentHandoff = std::make_shared<TerminalAppHandoffLauncher>(text, kit.frontmostApp, processes,
-                                                                    std::make_shared<MacTerminalApp>(),
-                                                                    MacTerminalApp::bundleID(), QDir::homePath());
+    kit.agentHandoff = std::make_shared<AgentHandoffLauncher>(text, kit.frontmostApp, processes,
+                                                              std::make_shared<MacTerminalApp>(), QDir::homePath());
 }
 
 } // namespace

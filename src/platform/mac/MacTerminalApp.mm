@@ -31,7 +31,7 @@ std::optional<QString> copyText(AXUIElementRef element, CFStringRef attribute) {
 
 } // namespace
 
-std::optional<QString> MacTerminalApp::focusedText() {
+std::optional<QString> MacTerminalApp::screenText(qint32) {
     AXUIElementRef systemWide = AXUIElementCreateSystemWide();
     AXUIElementRef focused = copyElement(systemWide, kAXFocusedUIElementAttribute);
     CFRelease(systemWide);

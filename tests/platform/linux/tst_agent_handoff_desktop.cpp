@@ -3,12 +3,12 @@
 #include "TempGitRepository.h"
 #include "core/Async.h"
 #include "core/QuorvaneError.h"
+#include "linux/DesktopDriver.h"
 #include "linux/XdotoolTypingInjector.h"
-#include "platform/linux/LinuxAgentHandoffLauncher.h"
 #include "platform/linux/ProcProcessTreeSource.h"
 #include "platform/linux/X11FrontmostApp.h"
 #include "platform/linux/X11HandoffTerminal.h"
-#include "repository/AgentHandoffScriptBuilder.h"
+#include "repository/AgentHandoffLauncher.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -26,23 +26,14 @@ public:
     explicit CountingTerminal(const TerminalEmulator &terminal) : real(terminal) {}
     X11HandoffTerminal real;
     int opened = 0;
-    std::function<bool()> open(const QString &folder, const QString &script) override {
+    QCoro::Task<TerminalOpening> open(QString scriptPath) override {
         ++opened;
-        return real.open(folder, script);
+        return real.open(scriptPath);
     }
-    bool newWindowInFront() override { return real.newWindowInFront(); }
+    bool agentWindowInFront(const FrontmostApp &front) override { return real.agentWindowInFront(front); }
     std::optional<QString> screenText(qint32 terminalProcessID) override { return real.screenText(terminalProcessID); }
     bool pressReturn() override { return real.pressReturn(); }
 };
-
-// A stand-in agent: shows `banner`, then records its folder and the first line it reads. It ends by
-// itself so that no window outlives the test for long.
-QByteArray standInAgent(const QString &banner, const QString &record) {
-    return "#!/bin/sh\n(/bin/sleep 20; kill $$ 2>/dev/null) &\nprintf '%s\\n> ' " +
-           AgentHandoffScriptBuilder::quote(banner).toUtf8() +
-           "\nIFS= read -r line\n{ pwd; printf '%s\\n' \"$line\"; } > " +
-           AgentHandoffScriptBuilder::quote(record).toUtf8() + "\n/bin/sleep 2\n";
-}
 
 QString contents(const QString &path) {
     return QString::fromUtf8(readFileBytes(path));
@@ -107,9 +98,9 @@ private slots:
 
         auto injector = std::make_shared<XdotoolTypingInjector>();
         auto terminal = std::make_shared<CountingTerminal>(terminalProgram == xterm.program ? xterm : lxterminal);
-        LinuxAgentHandoffLauncher launcher(injector, std::make_shared<X11FrontmostApp>(),
-                                           std::make_shared<ProcProcessTreeSource>(), terminal, home,
-                                           repo.scratch() + "/handoffs");
+        AgentHandoffLauncher launcher(injector, std::make_shared<X11FrontmostApp>(),
+                                      std::make_shared<ProcProcessTreeSource>(), terminal, home,
+                                      repo.scratch() + "/handoffs");
         RepositoryContext repository;
         repository.rootPath = repo.root();
         const QString prompt = "Add a test for the parser's empty input";

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 Q_DECLARE_METATYPE(FrontmostApp)
+Q_DECLARE_METATYPE(std::optional<CompositorWindows>)
 
 namespace {
 
@@ -145,6 +146,38 @@ private Q_SLOTS:
         }
         // An unknown destination is said once, however often it is asked.
         QCOMPARE(log.lines.filter(QStringLiteral("WARN ")).size(), warnings);
+    }
+
+    // Over a real socket: every client by address and the active one, or nothing when a reply is
+    // not what Hyprland sends.
+    void windows_data() {
+        QTest::addColumn<QByteArray>("clients");
+        QTest::addColumn<QByteArray>("active");
+        QTest::addColumn<std::optional<CompositorWindows>>("expected");
+        const QByteArray two = R"([{"address":"0x5a1","class":"kitty","pid":40},
+                {"address":"0x5b2","class":"lxterminal","pid":41}])";
+        QTest::newRow("one of two active") << two << QByteArray(R"({"address":"0x5b2","class":"lxterminal","pid":41})")
+                                           << std::optional(CompositorWindows{{"0x5a1", "0x5b2"}, "0x5b2"});
+        QTest::newRow("none active") << two << QByteArray("{}")
+                                     << std::optional(CompositorWindows{{"0x5a1", "0x5b2"}, ""});
+        QTest::newRow("clients not a list")
+            << QByteArray("unknown request") << QByteArray("{}") << std::optional<CompositorWindows>();
+    }
+    void windows() {
+        QFETCH(QByteArray, clients);
+        QFETCH(QByteArray, active);
+        QTemporaryDir runtime;
+        const QString path = HyprlandFrontmostApp::socketPath(runtime.path(), QStringLiteral("sig"));
+        std::optional<CompositorWindows> found;
+        QList<QByteArray> requests;
+        {
+            StandInHyprland server(path, {clients, active});
+            QVERIFY(server.bound);
+            found = HyprlandFrontmostApp(path).windows();
+            requests = server.requests;
+        }
+        QTEST(found, "expected");
+        QCOMPARE(requests, (QList<QByteArray>{"j/clients", "j/activewindow"}));
     }
 
     void asksForTheActiveWindow() {

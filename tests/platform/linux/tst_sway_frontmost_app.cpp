@@ -66,6 +66,31 @@ private Q_SLOTS:
         QCOMPARE(SwayFrontmostApp::focusedWindow(document.object()), expected);
     }
 
+    // Only client windows count, wherever they sit, so that a new window is told from a container.
+    void windows_data() {
+        QTest::addColumn<QByteArray>("json");
+        QTest::addColumn<QStringList>("all");
+        QTest::addColumn<QString>("focused");
+        const QByteArray foot = R"({"type":"con","id":7,"focused":false,"app_id":"foot","pid":40,"nodes":[]})";
+        QTest::newRow("tiled in a split, beside a floating one")
+            << tree(R"([{"type":"con","id":5,"focused":false,"nodes":[)" + foot +
+                        R"(,{"type":"con","id":8,"focused":true,"app_id":"kitty","pid":42,"nodes":[]}]}])",
+                    R"([{"type":"floating_con","id":9,"focused":false,"app_id":"mpv","pid":43,"nodes":[]}])")
+            << QStringList{"7", "8", "9"} << "8";
+        QTest::newRow("an empty workspace focused") << QByteArray(R"({"type":"root","id":1,"focused":false,"nodes":[
+                {"type":"workspace","id":3,"focused":true,"nodes":[)" +
+                                                                  foot + "]}]}")
+                                                    << QStringList{"7"} << "";
+    }
+    void windows() {
+        QFETCH(QByteArray, json);
+        const QJsonDocument document = QJsonDocument::fromJson(json);
+        QVERIFY(document.isObject());
+        const CompositorWindows windows = SwayFrontmostApp::windows(document.object());
+        QTEST(windows.all, "all");
+        QTEST(windows.focused, "focused");
+    }
+
     // No compositor: the destination is unknown, and said once however often it is asked.
     void noSocketIsSaidOnce() {
         LogRecorder log;

@@ -1,5 +1,7 @@
 #include "DesktopDriver.h"
 
+#include "repository/AgentHandoffScriptBuilder.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
@@ -238,4 +240,11 @@ bool speak(const QString &text, const QString &wavPath) {
 
 void play(QProcess &player, const QString &wavPath) {
     player.start("paplay", {"-d", "quorvane_null", wavPath});
+}
+
+QByteArray standInAgent(const QString &banner, const QString &record) {
+    return "#!/bin/sh\n(/bin/sleep 20; kill $$ 2>/dev/null) &\nprintf '%s\\n> ' " +
+           AgentHandoffScriptBuilder::quote(banner).toUtf8() +
+           "\nIFS= read -r line\n{ pwd; printf '%s\\n' \"$line\"; } > " +
+           AgentHandoffScriptBuilder::quote(record).toUtf8() + "\n/bin/sleep 2\n";
 }

@@ -33,6 +33,10 @@ QRect windowGeometry(const QString &window);
 // Every format the clipboard offers, with its bytes; Xlib's bookkeeping targets left out.
 QList<std::pair<QByteArray, QByteArray>> clipboardFormats();
 
+// A stand-in coding agent's program: shows `banner`, then records its folder and the first line it
+// reads into `record`. It ends by itself so that no window outlives a test for long.
+QByteArray standInAgent(const QString &banner, const QString &record);
+
 // A system tray for the app's icon: trayer docked at the top right of the screen. Start it before
 // the app, which looks for a tray once, when it starts.
 class TrayHost {

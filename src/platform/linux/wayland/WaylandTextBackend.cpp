@@ -473,8 +473,7 @@ qint64 WaylandTextBackend::changeCount() {
 }
 
 bool WaylandTextBackend::postPasteChord() {
-    State &s = *m_state;
-    if (!s.keyboard)
+    if (!m_state->keyboard)
         return false;
     const QString destination = m_destination ? m_destination() : QString();
     const auto chord = pasteChordFor(destination, destination);
@@ -482,16 +481,24 @@ bool WaylandTextBackend::postPasteChord() {
     quint32 mask = 0;
     if (chord == PasteChord::shiftInsert) {
         modifiers = {KEY_LEFTSHIFT};
-        mask = s.shiftMask;
+        mask = m_state->shiftMask;
     } else {
         modifiers = {KEY_LEFTCTRL};
-        mask = s.controlMask;
+        mask = m_state->controlMask;
         if (chord == PasteChord::ctrlShiftV)
-            modifiers.append(KEY_LEFTSHIFT), mask |= s.shiftMask;
+            modifiers.append(KEY_LEFTSHIFT), mask |= m_state->shiftMask;
     }
-    const quint32 key = chord == PasteChord::shiftInsert ? KEY_INSERT : KEY_V;
+    return tap(modifiers, mask, chord == PasteChord::shiftInsert ? KEY_INSERT : KEY_V);
+}
+
+bool WaylandTextBackend::pressReturn() {
+    return m_state->keyboard && tap({}, 0, KEY_ENTER);
+}
+
+bool WaylandTextBackend::tap(const QList<quint32> &modifiers, quint32 mask, quint32 key) {
+    State &s = *m_state;
     // Our keyboard becomes the seat's active one with this, and the focused client is handed our
-    // keymap before any key of the chord.
+    // keymap before any key.
     zwp_virtual_keyboard_v1_modifiers(s.keyboard, 0, 0, 0, 0);
     if (!s.roundtrip())
         return false;

@@ -4,6 +4,7 @@
 #include "platform/SessionType.h"
 
 #include <QByteArray>
+#include <QList>
 #include <functional>
 #include <memory>
 
@@ -44,12 +45,16 @@ public:
     void writeClipboard(const ClipboardSnapshot &items) override;
     qint64 changeCount() override;
     bool postPasteChord() override;
+    // One Return through the same virtual keyboard; false when the compositor offers none.
+    bool pressReturn();
 
     struct State;
 
 private:
     bool offer(const ClipboardItem &formats);
     void takePrimary(const QByteArray &utf8);
+    // Presses `key` with `modifiers` held (their state `mask` in our keymap) and lets all go.
+    bool tap(const QList<quint32> &modifiers, quint32 mask, quint32 key);
 
     std::unique_ptr<State> m_state;
     DestinationID m_destination;
