@@ -146,15 +146,21 @@ QCoro::Task<Attempt> attempt(const Target &target, int timeoutMs, Socket ahead) 
     const auto remaining = [&deadline] {
         return std::chrono::milliseconds(deadline.isForever() ? -1 : std::max<qint64>(deadline.remainingTime(), 1));
     };
-    Socket socket = ahead ? std::move(ahead) : Socket(openSocket(target.host, target.port));
+    const bool opened = ahead != nullptr;
+    Socket socket = opened ? std::move(ahead) : Socket(openSocket(target.host, target.port));
     while (socket->state() == QAbstractSocket::HostLookupState || socket->state() == QAbstractSocket::ConnectingState) {
         // The state changes on success and on failure alike; a refusal must not wait out the time-out.
         const bool changed = co_await SocketEvent(socket.get(), remaining());
         if (!changed || deadline.hasExpired())
             co_return timedOut(timeoutMs);
     }
-    if (socket->state() != QAbstractSocket::ConnectedState)
-        co_return connectFailure(*socket, target.host);
+    if (socket->state() != QAbstractSocket::ConnectedState) {
+        // A connection opened ahead may have failed while the server was still starting; the
+        // request never went out, and a fresh connection tells how the server is now.
+        Attempt failed = connectFailure(*socket, target.host);
+        failed.unanswered = failed.unanswered || opened;
+        co_return failed;
+    }
 
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     socket->write(target.requestBytes);

@@ -188,6 +188,9 @@ void FakeHttpServer::setListening(bool listening) {
     if (!listening) {
         m_port = m_server->serverPort();
         m_server->close();
+        // A server that is down holds no connections either, idle ones included.
+        for (QTcpSocket *socket : m_server->findChildren<QTcpSocket *>())
+            socket->abort();
     } else if (!m_server->listen(QHostAddress::LocalHost, m_port)) {
         qFatal("FakeHttpServer: cannot listen on 127.0.0.1:%u again: %s", m_port, qPrintable(m_server->errorString()));
     }

@@ -81,8 +81,8 @@ public:
     // The recorded requests with this method and path (query ignored).
     QList<Request> requestsTo(const QByteArray &method, const QByteArray &path) const;
 
-    // Stops accepting connections (they are refused, as when the server is down) or starts again
-    // on the same port.
+    // Stops accepting connections (they are refused, as when the server is down) and drops those
+    // it holds, or starts again on the same port.
     void setListening(bool listening);
 
     // A loopback port with nothing listening on it (connections are refused).
