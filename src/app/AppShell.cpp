@@ -78,7 +78,7 @@ void AppShell::startPipeline() {
     if (auto *notifier = dynamic_cast<PresentingNotifier *>(kit.notifier.get()))
         notifier->present = [this](const QString &title, const QString &body) { present(title, body); };
     m_pipeline = std::make_unique<Pipeline>(m_config, std::move(kit));
-    m_pipeline->onStateChange = [this](const PipelineState &state) { onStateChange(state); };
+    m_pipeline->onStateChange = [this](const PipelineState &state) { m_presenter.update(state); };
     m_pipeline->platform().capture->warmUp(m_pipeline->asr().requiredSampleRate());
 
     const std::pair<PushToTalkKey, PipelineMode> bindings[] = {
@@ -267,9 +267,9 @@ void AppShell::showHistory() {
     m_history->activateWindow();
 }
 
-void AppShell::onStateChange(const PipelineState &state) {
+void AppShell::drawState(const PipelineState &state) {
     if (m_tray) {
-        m_tray->setIcon(trayIcon(state.kind));
+        m_tray->setIcon(trayIconFor(state.kind));
         m_tray->setToolTip(QStringLiteral("Quorvane \u00B7 ") + TrayMenu::stateText(state));
     }
     if (!m_overlay)
@@ -278,6 +278,13 @@ void AppShell::onStateChange(const PipelineState &state) {
         m_overlay->showState(state, m_pipeline->activeMode());
     else
         m_overlay->showState(PipelineState::idle(), m_pipeline->activeMode());
+}
+
+const QIcon &AppShell::trayIconFor(PipelineState::Kind state) {
+    auto icon = m_trayIcons.find(state);
+    if (icon == m_trayIcons.end())
+        icon = m_trayIcons.emplace(state, trayIcon(state)).first;
+    return icon->second;
 }
 
 void AppShell::applySettings(const Config &updated) {
@@ -375,7 +382,7 @@ void AppShell::buildTray() {
     hooks.quit = [] { QCoreApplication::quit(); };
     m_menu = std::make_unique<TrayMenu>(m_config, std::move(hooks));
 
-    m_tray = std::make_unique<QSystemTrayIcon>(trayIcon(m_pipeline->state().kind));
+    m_tray = std::make_unique<QSystemTrayIcon>(trayIconFor(m_pipeline->state().kind));
     m_tray->setToolTip(QStringLiteral("Quorvane \u00B7 ") + TrayMenu::stateText(m_pipeline->state()));
     m_tray->setContextMenu(m_menu->menu());
     // Most Linux trays open the menu on a plain click too.

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "app/StatePresenter.h"
 #include "core/Config.h"
 #include "pipeline/PipelineState.h"
 
 #include <QCoro/QCoroTask>
+#include <QIcon>
 #include <QObject>
+#include <map>
 #include <memory>
 #include <vector>
 
@@ -32,7 +35,8 @@ public:
 private:
     void startPipeline();
     void buildTray();
-    void onStateChange(const PipelineState &state);
+    void drawState(const PipelineState &state);
+    const QIcon &trayIconFor(PipelineState::Kind state);
     void applySettings(const Config &updated);
     void present(const QString &title, const QString &body);
     void deleteRetainedData();
@@ -59,4 +63,8 @@ private:
     std::unique_ptr<SetupChecks> m_checks;
     std::unique_ptr<OnboardingWindow> m_onboarding;
     std::unique_ptr<HistoryWindow> m_history;
+    // Drawn once each: a dictation changes the icon twice.
+    std::map<PipelineState::Kind, QIcon> m_trayIcons;
+    // Last: it draws into the tray and the overlay, and goes before them.
+    StatePresenter m_presenter{[this](const PipelineState &state) { drawState(state); }};
 };
