@@ -4,8 +4,9 @@
 
 #include <QElapsedTimer>
 #include <QList>
-#include <QSocketNotifier>
 #include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 // Xlib's macros (None, Bool, KeyPress…) collide with Qt's names: it comes after every Qt header.
 #include <X11/Xatom.h>
@@ -32,20 +33,42 @@ X11ClipboardOwner::X11ClipboardOwner(const QString &displayName) {
     m_window = XCreateSimpleWindow(m_display, DefaultRootWindow(m_display), 0, 0, 1, 1, 0, 0, 0);
     // Property changes on our window are how we learn the server's time.
     XSelectInput(m_display, m_window, PropertyChangeMask);
+    // Looked up now, once: the answers then cost the server no more than the data itself.
+    for (const char *name :
+         {"CLIPBOARD", "PRIMARY", "TARGETS", "TIMESTAMP", "TEXT", "UTF8_STRING", "QUORVANE_SERVER_TIME"})
+        atom(m_display, name);
     XFlush(m_display);
-    m_notifier = std::make_unique<QSocketNotifier>(ConnectionNumber(m_display), QSocketNotifier::Read);
-    QObject::connect(m_notifier.get(), &QSocketNotifier::activated, [this] { handleEvents(); });
+    m_stopFd = eventfd(0, EFD_CLOEXEC);
+    m_server = std::thread([this] { serve(); });
 }
 
 X11ClipboardOwner::~X11ClipboardOwner() {
     if (!m_display)
         return;
-    m_notifier.reset();
+    const eventfd_t stop = 1;
+    (void)write(m_stopFd, &stop, sizeof stop);
+    m_server.join();
+    close(m_stopFd);
     XDestroyWindow(m_display, m_window);
     XCloseDisplay(m_display);
 }
 
-// The selection must be claimed with a real server time: CurrentTime would let a late claim of
+void X11ClipboardOwner::serve() {
+    for (;;) {
+        pollfd fds[2] = {{ConnectionNumber(m_display), POLLIN, 0}, {m_stopFd, POLLIN, 0}};
+        if (poll(fds, 2, -1) < 0 && errno != EINTR)
+            return;
+        if (fds[1].revents)
+            return;
+        // A server that went away leaves nothing to answer.
+        if (fds[0].revents & (POLLHUP | POLLERR | POLLNVAL))
+            return;
+        std::lock_guard lock(m_lock);
+        handleEvents();
+    }
+}
+
+// The selections must be claimed with a real server time: CurrentTime would let a late claim of
 // ours win over a newer copy by the user.
 unsigned long X11ClipboardOwner::serverTime() {
     XChangeProperty(m_display, m_window, atom(m_display, "QUORVANE_SERVER_TIME"), XA_STRING, 8, PropModeAppend, nullptr,
@@ -64,7 +87,7 @@ unsigned long X11ClipboardOwner::serverTime() {
     return CurrentTime;
 }
 
-bool X11ClipboardOwner::own(const DesktopTextBackend::ClipboardItem &formats) {
+bool X11ClipboardOwner::own(const DesktopTextBackend::ClipboardItem &formats, bool primaryToo) {
     if (!m_display)
         return false;
     // No INCR transfers: what one property can carry is far more than any dictation.
@@ -72,55 +95,73 @@ bool X11ClipboardOwner::own(const DesktopTextBackend::ClipboardItem &formats) {
     for (const auto &format : formats)
         if (format.second.size() > limit)
             return false;
+    std::lock_guard lock(m_lock);
     const Time time = serverTime();
     if (time == CurrentTime)
         return false;
-    const Atom clipboard = atom(m_display, "CLIPBOARD");
-    XSetSelectionOwner(m_display, clipboard, m_window, time);
-    if (XGetSelectionOwner(m_display, clipboard) != m_window)
-        return false;
+    // Ready before the claim: a request may follow it at once.
     m_formats = formats;
     m_ownedSince = time;
-    m_owner = true;
-    ++m_changeCount;
-    // Waiting for the time may have read requests into Xlib's queue, where the socket notifier
-    // never sees them.
+    const Atom clipboard = atom(m_display, "CLIPBOARD");
+    XSetSelectionOwner(m_display, clipboard, m_window, time);
+    if (primaryToo)
+        XSetSelectionOwner(m_display, XA_PRIMARY, m_window, time);
+    m_ownsClipboard = XGetSelectionOwner(m_display, clipboard) == m_window;
+    m_ownsPrimary = primaryToo && XGetSelectionOwner(m_display, XA_PRIMARY) == m_window;
+    if (m_ownsClipboard)
+        ++m_changeCount;
+    // Waiting for the time may have read requests into Xlib's queue, where poll never sees them.
     handleEvents();
-    return true;
+    return m_ownsClipboard;
 }
 
 void X11ClipboardOwner::release() {
-    if (!m_display || !m_owner)
+    if (!m_display)
+        return;
+    std::lock_guard lock(m_lock);
+    if (!m_ownsClipboard)
         return;
     XSetSelectionOwner(m_display, atom(m_display, "CLIPBOARD"), None, serverTime());
     XFlush(m_display);
-    m_owner = false;
-    m_formats.clear();
+    m_ownsClipboard = false;
     ++m_changeCount;
     handleEvents();
 }
 
+bool X11ClipboardOwner::ownsClipboard() {
+    if (!m_display)
+        return false;
+    std::lock_guard lock(m_lock);
+    handleEvents();
+    return m_ownsClipboard;
+}
+
 qint64 X11ClipboardOwner::changeCount() {
+    if (!m_display)
+        return 0;
+    std::lock_guard lock(m_lock);
     // A copy elsewhere may be waiting in the queue.
     handleEvents();
     return m_changeCount;
 }
 
 void X11ClipboardOwner::handleEvents() {
-    if (!m_display)
-        return;
     const Atom clipboard = atom(m_display, "CLIPBOARD");
     const Atom targets = atom(m_display, "TARGETS");
     const Atom timestamp = atom(m_display, "TIMESTAMP");
     while (XPending(m_display)) {
         XEvent event;
         XNextEvent(m_display, &event);
-        if (event.type == SelectionClear && event.xselectionclear.selection == clipboard) {
-            // Someone else copied: what we held is no longer the clipboard.
-            if (m_owner)
+        if (event.type == SelectionClear) {
+            // Someone else copied or selected: what we held is no longer theirs to read.
+            if (event.xselectionclear.selection == clipboard && m_ownsClipboard) {
+                m_ownsClipboard = false;
                 ++m_changeCount;
-            m_owner = false;
-            m_formats.clear();
+            } else if (event.xselectionclear.selection == XA_PRIMARY) {
+                m_ownsPrimary = false;
+            }
+            if (!m_ownsClipboard && !m_ownsPrimary)
+                m_formats.clear();
             continue;
         }
         if (event.type != SelectionRequest)
@@ -136,7 +177,9 @@ void X11ClipboardOwner::handleEvents() {
         reply.property = None;
         // Old clients name no property: the target is the property then.
         const Atom property = request.property == None ? request.target : request.property;
-        if (m_owner && request.selection == clipboard) {
+        const bool owned =
+            (request.selection == clipboard && m_ownsClipboard) || (request.selection == XA_PRIMARY && m_ownsPrimary);
+        if (owned) {
             if (request.target == targets) {
                 QList<Atom> offered{targets, timestamp};
                 for (const auto &format : std::as_const(m_formats))

@@ -2,6 +2,7 @@
 
 #include "core/Log.h"
 #include "platform/linux/AtspiFocus.h"
+#include "platform/linux/X11ClipboardOwner.h"
 #include "platform/linux/X11Errors.h"
 #include "platform/linux/X11Windows.h"
 
@@ -198,6 +199,18 @@ bool X11TextBackend::isQtWindow(unsigned long window) const {
     return window != None && (window & ~Window(m_qtIdMask)) == m_qtIdBase;
 }
 
+bool X11TextBackend::isOwnWindow(unsigned long window) const {
+    return isQtWindow(window) || (m_textOwner && window != None && window == m_textOwner->window());
+}
+
+X11ClipboardOwner *X11TextBackend::textOwner() {
+    if (!m_textOwner) {
+        Display *x = display();
+        m_textOwner = std::make_unique<X11ClipboardOwner>(x ? QString::fromLocal8Bit(DisplayString(x)) : QString());
+    }
+    return m_textOwner->isAvailable() ? m_textOwner.get() : nullptr;
+}
+
 // Every owner change the server made before this call, so the count is current when it returns.
 void X11TextBackend::countOwnerChanges() {
     if (!display() || m_fixesEvent < 0)
@@ -206,7 +219,7 @@ void X11TextBackend::countOwnerChanges() {
     XEvent event;
     while (XCheckTypedEvent(m_display, m_fixesEvent, &event)) {
         const auto &notice = reinterpret_cast<const XFixesSelectionNotifyEvent &>(event);
-        if (isQtWindow(notice.owner))
+        if (isOwnWindow(notice.owner))
             continue;
         if (notice.owner == None && notice.subtype == XFixesSetSelectionOwnerNotify && m_ownClears > 0) {
             --m_ownClears;
@@ -245,7 +258,7 @@ bool X11TextBackend::clipboardOwnerAnswers() {
     Display *x = display();
     QClipboard *clipboard = QGuiApplication::clipboard();
     // Without a connection of our own Qt cannot reach the owner either, and we answer ourselves.
-    if (!x || clipboard->ownsClipboard())
+    if (!x || clipboard->ownsClipboard() || (m_textOwner && m_textOwner->ownsClipboard()))
         return true;
     const Atom selection = XInternAtom(x, "CLIPBOARD", False);
     if (XGetSelectionOwner(x, selection) == None)
@@ -294,9 +307,23 @@ std::optional<DesktopTextBackend::ClipboardSnapshot> X11TextBackend::readClipboa
 }
 
 bool X11TextBackend::writeText(const QString &text) {
-    QClipboard *clipboard = QGuiApplication::clipboard();
     m_chordOfWrite = chordForActiveWindow();
+    QClipboard *clipboard = QGuiApplication::clipboard();
     const bool primaryToo = m_chordOfWrite == PasteChord::shiftInsert && clipboard->supportsSelection();
+    // Our claims are told from others' only through XFixes.
+    if (X11ClipboardOwner *owner = m_fixesEvent >= 0 ? textOwner() : nullptr) {
+        // Few names, each one a lookup for some destinations before they ask for the text; every
+        // toolkit asks for UTF8_STRING, old ones for STRING (Latin-1) or TEXT.
+        const QByteArray utf8 = text.toUtf8();
+        DesktopTextBackend::ClipboardItem formats{{QStringLiteral("UTF8_STRING"), utf8}};
+        if (const QByteArray latin1 = text.toLatin1(); QString::fromLatin1(latin1) == text)
+            formats.append({QStringLiteral("STRING"), latin1});
+        formats.append({QStringLiteral("TEXT"), utf8});
+        if (owner->own(formats, primaryToo)) {
+            ++m_changeCount;
+            return true;
+        }
+    }
     // Claims on PRIMARY (any selection of text) are not watched: writing it always needs a refresh.
     if (primaryToo)
         refreshQtServerTime();
@@ -330,9 +357,15 @@ void X11TextBackend::writeClipboard(const ClipboardSnapshot &items) {
     m_writing = true;
     if (items.isEmpty()) {
         // Only a clear that gave up ownership leaves a notice behind.
-        if (m_fixesEvent >= 0 && clipboard->ownsClipboard())
-            ++m_ownClears;
-        clipboard->clear(QClipboard::Clipboard);
+        if (m_textOwner && m_textOwner->ownsClipboard()) {
+            if (m_fixesEvent >= 0)
+                ++m_ownClears;
+            m_textOwner->release();
+        } else {
+            if (m_fixesEvent >= 0 && clipboard->ownsClipboard())
+                ++m_ownClears;
+            clipboard->clear(QClipboard::Clipboard);
+        }
     } else {
         // The X11 clipboard holds one item; should several come, the first to name a format wins.
         auto *data = new QMimeData;

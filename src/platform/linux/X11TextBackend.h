@@ -8,12 +8,14 @@
 #include <optional>
 
 class QWindow;
+class X11ClipboardOwner;
 
 struct _XDisplay;
 
-// Text on an X11 desktop: the CLIPBOARD selection through Qt (plus PRIMARY for terminals that
-// paste it), the paste chord through XTest on a connection of our own, and the focused element
-// through AT-SPI. Use on the main thread only: Qt's clipboard lives there.
+// Text on an X11 desktop: the dictated text on CLIPBOARD (plus PRIMARY for terminals that paste it)
+// from a connection and thread of our own, the user's clipboard read and put back through Qt, the
+// paste chord through XTest, and the focused element through AT-SPI. Use on the main thread only:
+// Qt's clipboard lives there.
 class X11TextBackend final : public DesktopTextBackend {
 public:
     X11TextBackend();
@@ -35,6 +37,9 @@ private:
     _XDisplay *display();
     void countOwnerChanges();
     bool isQtWindow(unsigned long window) const;
+    // Ours, whichever connection claimed with it.
+    bool isOwnWindow(unsigned long window) const;
+    X11ClipboardOwner *textOwner();
     bool clipboardOwnerAnswers();
     PasteChord chordForActiveWindow();
     void refreshQtServerTime();
@@ -64,6 +69,8 @@ private:
     // The chord found for the window in front by the last text write, which the paste keystroke
     // follows at once: one look at the window's class serves both.
     std::optional<PasteChord> m_chordOfWrite;
+    // Holds the dictated text, answering the destination's reads without waiting for Qt's loop.
+    std::unique_ptr<X11ClipboardOwner> m_textOwner;
     // Never shown: a property change on it hands Qt a fresh server time.
     std::unique_ptr<QWindow> m_timeWindow;
 };

@@ -183,6 +183,41 @@ private slots:
             QCOMPARE(clipboardAs("image/png"), png);
     }
 
+    // The dictated text is there in each text encoding a destination may ask for, Latin-1 only
+    // where it says the same; the next copy elsewhere takes over from us.
+    void dictatedTextInEveryTextTarget_data() {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<bool>("latin1");
+        QTest::newRow("latin-1") << "café crème" << true;
+        QTest::newRow("beyond latin-1") << "привет – 😀" << false;
+    }
+    void dictatedTextInEveryTextTarget() {
+        QFETCH(QString, text);
+        QFETCH(bool, latin1);
+        QVERIFY(m_target->command("set line") == "ok" && m_target->focus("line"));
+        const qint64 before = m_backend->changeCount();
+        QVERIFY(m_backend->writeText(text));
+        QCOMPARE(m_backend->changeCount(), before + 1);
+
+        const QList<QByteArray> targets = clipboardAs("TARGETS").split('\n');
+        for (const char *name : {"TARGETS", "TIMESTAMP", "UTF8_STRING", "TEXT"})
+            QVERIFY2(targets.contains(name), name);
+        QCOMPARE(targets.contains("STRING"), latin1);
+        QCOMPARE(clipboardAs("UTF8_STRING"), text.toUtf8());
+        QCOMPARE(clipboardAs("TEXT"), text.toUtf8());
+        QCOMPARE(clipboardAs("STRING"), latin1 ? text.toLatin1() : QByteArray("<empty>"));
+        // A Qt window reads it as text, as every destination of the paste does.
+        QCOMPARE(m_target->command("paste line"), "ok");
+        QTRY_COMPARE(m_target->text("line"), text);
+
+        m_owner.start("xclip", {"-quiet", "-selection", "clipboard", "-i"});
+        QVERIFY(m_owner.waitForStarted());
+        m_owner.write("copied after");
+        m_owner.closeWriteChannel();
+        QTRY_COMPARE(clipboardAs("UTF8_STRING"), "copied after");
+        QCOMPARE(m_backend->changeCount(), before + 2);
+    }
+
     // A clipboard owner that never answers costs the snapshot a bounded wait, not Qt's 5 s.
     void hungOwnerIsNotWaitedFor() {
         QProcess &owner = m_owner;

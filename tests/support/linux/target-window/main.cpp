@@ -8,6 +8,7 @@
 //   text                             {"line": …, "password": …, "edit": …, "lineChangedNs": …} as one
 //                                    JSON line; lineChangedNs is CLOCK_MONOTONIC when "line" last changed
 //   copy <text>                      put <text> as text/plain and a 1x1 PNG on the clipboard -> ok
+//   paste <field>                    paste the clipboard's text into the line edit <field> -> ok
 // An unknown command or field answers "error". The window ends when stdin closes.
 #include <QApplication>
 #include <QBuffer>
@@ -81,6 +82,13 @@ QByteArray run(QWidget &window, const Fields &fields, const QString &command) {
         window.activateWindow();
         window.raise();
         field->setFocus(Qt::OtherFocusReason);
+        return "ok";
+    }
+    if (verb == "paste") {
+        auto *edit = qobject_cast<QLineEdit *>(field);
+        if (!edit)
+            return "error";
+        edit->paste();
         return "ok";
     }
     if (verb == "set") {
