@@ -4,6 +4,7 @@
 #include "core/Paths.h"
 #include "platform/FocusedDocumentSource.h"
 #include "platform/HotkeyBackend.h"
+#include "platform/HotkeyFanOut.h"
 #include "platform/PasteTextInjector.h"
 #include "platform/PresentingNotifier.h"
 #include "platform/PushToTalkHotkey.h"
@@ -41,8 +42,9 @@ bool isDesktopApplication() {
 }
 
 void wireX11(PlatformKit &kit) {
-    kit.hotkey = [](PushToTalkKey key, PipelineMode) -> std::unique_ptr<GlobalHotkey> {
-        return std::make_unique<PushToTalkHotkey>(key, std::make_shared<X11HotkeyBackend>());
+    auto keys = std::make_shared<HotkeyFanOut>(std::make_shared<X11HotkeyBackend>());
+    kit.hotkey = [keys](PushToTalkKey key, PipelineMode) -> std::unique_ptr<GlobalHotkey> {
+        return std::make_unique<PushToTalkHotkey>(key, keys->tap());
     };
     kit.frontmostApp = std::make_shared<X11FrontmostApp>();
     auto injector = std::make_shared<PasteTextInjector>(std::make_shared<X11TextBackend>());
