@@ -1,6 +1,7 @@
 #include "platform/PlatformKitFactory.h"
 
 #include "formatting/FoundationModelFormatter.h"
+#include "platform/HotkeyFanOut.h"
 #include "platform/PasteTextInjector.h"
 #include "platform/PresentingNotifier.h"
 #include "platform/PushToTalkHotkey.h"
@@ -31,8 +32,10 @@ bool isDesktopApplication() {
 }
 
 void wireDesktop(PlatformKit &kit, const Config &config, const std::shared_ptr<ProcessTreeSource> &processes) {
-    kit.hotkey = [](PushToTalkKey key, PipelineMode) -> std::unique_ptr<GlobalHotkey> {
-        return std::make_unique<PushToTalkHotkey>(key, std::make_shared<MacHotkey>());
+    // One event tap for all the mode keys.
+    auto keys = std::make_shared<HotkeyFanOut>(std::make_shared<MacHotkey>());
+    kit.hotkey = [keys](PushToTalkKey key, PipelineMode) -> std::unique_ptr<GlobalHotkey> {
+        return std::make_unique<PushToTalkHotkey>(key, keys->tap());
     };
 
     // One microphone for the life of the kit, so it stays warm across settings reloads.
