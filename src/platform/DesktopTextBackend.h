@@ -7,6 +7,7 @@
 #include <QPair>
 #include <QString>
 #include <QStringList>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -25,6 +26,12 @@ public:
     // Asks the application again, past any cached answer, whether this element still has the
     // focus; false when that cannot be told, so an earlier read is never trusted blindly.
     virtual bool stillFocused() { return false; }
+    // Sends stillFocused()'s question without waiting; the function returned waits for the answer,
+    // so that other reads can go on while the application answers. By default the question is
+    // asked when the answer is wanted.
+    virtual std::function<bool()> askStillFocused() {
+        return [this] { return stillFocused(); };
+    }
 };
 
 // The operating-system side of typing and reading text: the clipboard with every item and format,
@@ -60,4 +67,8 @@ public:
     virtual bool confirmsEarlyReads() { return false; }
     // Names the window with the keyboard focus; only ever compared with an earlier answer.
     virtual qint64 focusedWindow() { return 0; }
+    // Reads now what the next writeText() and postPasteChord() would otherwise read then (which
+    // chord the window in front takes, the keyboard's modifiers), while the focused element is
+    // asked whether a paste may go ahead; nothing is written. By default there is nothing to read.
+    virtual void preparePaste() {}
 };

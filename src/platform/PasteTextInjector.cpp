@@ -49,8 +49,15 @@ PasteTextInjector::EarlyReads PasteTextInjector::currentReads(std::optional<Earl
     reads.takenAt = m_scheduler.nowMs();
     // The window first: a focus move during a slow lookup then shows as a different window.
     reads.window = m_backend->focusedWindow();
-    if (early && early->element && reads.window == early->window &&
-        (check == ElementCheck::windowOnly || early->element->stillFocused())) {
+    const bool sameWindow = early && early->element && reads.window == early->window;
+    // The application answers the element's question while the rest is read here.
+    std::function<bool()> stillFocused;
+    if (sameWindow && check == ElementCheck::askElement)
+        stillFocused = early->element->askStillFocused();
+    reads.changeCount = m_backend->changeCount();
+    if (check == ElementCheck::askElement)
+        m_backend->preparePaste();
+    if (sameWindow && (check == ElementCheck::windowOnly || stillFocused())) {
         reads.element = std::move(early->element);
         reads.secure = early->secure;
     } else {
@@ -61,7 +68,6 @@ PasteTextInjector::EarlyReads PasteTextInjector::currentReads(std::optional<Earl
     // A secure field gets nothing, so its paste never needs the clipboard.
     if (reads.secure)
         return reads;
-    reads.changeCount = m_backend->changeCount();
     if (early && !early->secure && reads.changeCount == early->changeCount)
         reads.snapshot = std::move(early->snapshot);
     else

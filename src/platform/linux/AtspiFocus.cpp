@@ -5,14 +5,19 @@
 // GLib uses `signals` as a name; Qt defines it as a keyword.
 #undef signals
 #include <atspi/atspi.h>
+#include <dbus/dbus.h>
 #define signals Q_SIGNALS
 
+#include <functional>
+#include <memory>
 #include <mutex>
 
 namespace AtspiFocus {
 
 namespace {
 
+// As long as libatspi waits for an application's answer.
+constexpr int answerTimeoutMs = 800;
 // A large document tree must not stall the paste: the focus sits within a few levels of the window.
 constexpr int maxDepth = 24;
 constexpr int maxVisited = 4000;
@@ -99,6 +104,44 @@ public:
     bool stillFocused() override {
         atspi_accessible_clear_cache(m_accessible.get());
         return hasState(m_accessible.get(), ATSPI_STATE_FOCUSED);
+    }
+
+    // The same question as a call of our own on libatspi's connection, whose answer is waited for
+    // only when wanted; libatspi has no way to ask without waiting.
+    std::function<bool()> askStillFocused() override {
+        AtspiObject *object = ATSPI_OBJECT(m_accessible.get());
+        DBusConnection *bus = object->app && object->app->bus ? object->app->bus : atspi_get_a11y_bus();
+        if (!bus || !object->app || !object->app->bus_name || !object->path)
+            return FocusedElement::askStillFocused();
+        DBusMessage *call =
+            dbus_message_new_method_call(object->app->bus_name, object->path, "org.a11y.atspi.Accessible", "GetState");
+        DBusPendingCall *pending = nullptr;
+        const bool sent = call && dbus_connection_send_with_reply(bus, call, &pending, answerTimeoutMs) && pending;
+        if (call)
+            dbus_message_unref(call);
+        if (!sent)
+            return [] { return false; };
+        dbus_connection_flush(bus);
+        return [answer = std::shared_ptr<DBusPendingCall>(pending, dbus_pending_call_unref)] {
+            dbus_pending_call_block(answer.get());
+            DBusMessage *reply = dbus_pending_call_steal_reply(answer.get());
+            if (!reply)
+                return false;
+            // The states are a bit set in 32-bit words, lowest first.
+            bool focused = false;
+            DBusMessageIter words, word;
+            if (dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_METHOD_RETURN &&
+                dbus_message_iter_init(reply, &words) && dbus_message_iter_get_arg_type(&words) == DBUS_TYPE_ARRAY) {
+                dbus_message_iter_recurse(&words, &word);
+                if (dbus_message_iter_get_arg_type(&word) == DBUS_TYPE_UINT32) {
+                    dbus_uint32_t low = 0;
+                    dbus_message_iter_get_basic(&word, &low);
+                    focused = low & (dbus_uint32_t(1) << ATSPI_STATE_FOCUSED);
+                }
+            }
+            dbus_message_unref(reply);
+            return focused;
+        };
     }
 
     std::optional<qint64> processID() override {

@@ -37,6 +37,8 @@ constexpr auto ownerDeadline = std::chrono::milliseconds(300);
 // The push-to-talk key is itself a modifier, still down when the text is ready.
 constexpr auto modifierDeadline = std::chrono::milliseconds(1000);
 constexpr auto modifierPoll = std::chrono::milliseconds(10);
+// A paste follows its preparation within milliseconds; anything older is read again.
+constexpr auto preparedLifetime = std::chrono::seconds(1);
 
 // Qt's own stand-in for any image format; its data is not the owner's bytes.
 const QString qtImageFormat = QStringLiteral("application/x-qt-image");
@@ -51,8 +53,14 @@ bool anyModifierDown(Display *display, const XModifierKeymap *modifiers) {
     return false;
 }
 
-void waitForModifiersUp(Display *display) {
-    XModifierKeymap *modifiers = XGetModifierMapping(display);
+std::shared_ptr<void> modifierMapping(Display *display) {
+    return std::shared_ptr<void>(XGetModifierMapping(display), [](void *keymap) {
+        if (keymap)
+            XFreeModifiermap(static_cast<XModifierKeymap *>(keymap));
+    });
+}
+
+void waitForModifiersUp(Display *display, const XModifierKeymap *modifiers) {
     if (!modifiers)
         return;
     const auto deadline = Clock::now() + modifierDeadline;
@@ -61,7 +69,6 @@ void waitForModifiersUp(Display *display) {
         std::this_thread::sleep_for(modifierPoll);
         held = anyModifierDown(display, modifiers);
     }
-    XFreeModifiermap(modifiers);
     if (held)
         Log::warn(QStringLiteral("A modifier key is still held after 1 s; pasting anyway."));
 }
@@ -306,8 +313,26 @@ std::optional<DesktopTextBackend::ClipboardSnapshot> X11TextBackend::readClipboa
     return ClipboardSnapshot{item};
 }
 
+void X11TextBackend::preparePaste() {
+    Display *x = display();
+    if (!x)
+        return;
+    m_prepared = Prepared{Clock::now(), chordForActiveWindow(), modifierMapping(x)};
+}
+
+std::optional<X11TextBackend::Prepared> X11TextBackend::takePrepared() {
+    std::optional<Prepared> prepared = std::exchange(m_prepared, std::nullopt);
+    if (prepared && Clock::now() - prepared->at > preparedLifetime)
+        prepared.reset();
+    return prepared;
+}
+
 bool X11TextBackend::writeText(const QString &text) {
-    m_chordOfWrite = chordForActiveWindow();
+    const std::optional<Prepared> prepared = takePrepared();
+    m_chordOfWrite = prepared ? prepared->chord : chordForActiveWindow();
+    // The chord's own read of the keyboard still comes from this preparation.
+    if (prepared)
+        m_prepared = prepared;
     QClipboard *clipboard = QGuiApplication::clipboard();
     const bool primaryToo = m_chordOfWrite == PasteChord::shiftInsert && clipboard->supportsSelection();
     // Our claims are told from others' only through XFixes.
@@ -406,7 +431,9 @@ bool X11TextBackend::postPasteChord() {
     if (!isTrusted())
         return false;
     Display *x = m_display;
-    waitForModifiersUp(x);
+    const std::optional<Prepared> prepared = takePrepared();
+    const std::shared_ptr<void> modifiers = prepared ? prepared->modifiers : modifierMapping(x);
+    waitForModifiersUp(x, static_cast<const XModifierKeymap *>(modifiers.get()));
 
     const std::optional<PasteChord> written = std::exchange(m_chordOfWrite, std::nullopt);
     const PasteChord chord = written ? *written : chordForActiveWindow();

@@ -4,6 +4,7 @@
 #include "platform/linux/PasteChord.h"
 
 #include <QMetaObject>
+#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -32,6 +33,7 @@ public:
     bool postPasteChord() override;
     bool confirmsEarlyReads() override;
     qint64 focusedWindow() override;
+    void preparePaste() override;
 
 private:
     _XDisplay *display();
@@ -71,6 +73,16 @@ private:
     std::optional<PasteChord> m_chordOfWrite;
     // Holds the dictated text, answering the destination's reads without waiting for Qt's loop.
     std::unique_ptr<X11ClipboardOwner> m_textOwner;
+    // What preparePaste() read for the paste that follows it, and when.
+    struct Prepared {
+        std::chrono::steady_clock::time_point at;
+        PasteChord chord = PasteChord::ctrlV;
+        // Xlib's modifier map (an unnamed struct there, so not named here).
+        std::shared_ptr<void> modifiers;
+    };
+    std::optional<Prepared> m_prepared;
+    // Only what was read moments ago: a paste follows its preparation at once.
+    std::optional<Prepared> takePrepared();
     // Never shown: a property change on it hands Qt a fresh server time.
     std::unique_ptr<QWindow> m_timeWindow;
 };

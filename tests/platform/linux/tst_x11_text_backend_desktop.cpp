@@ -282,6 +282,19 @@ private slots:
         xterm.waitForFinished(2000);
     }
 
+    // The question sent ahead is answered as the one that waits is, once the focus has moved too.
+    void focusQuestionAnsweredLater() {
+        QVERIFY(m_target->command("set line") == "ok" && m_target->focus("line"));
+        std::unique_ptr<FocusedElement> element;
+        QTRY_VERIFY((element = m_backend->focusedElement()) != nullptr);
+        const std::function<bool()> answer = element->askStillFocused();
+        QVERIFY(answer());
+        QVERIFY(element->stillFocused());
+        QVERIFY(m_target->focus("password"));
+        QTRY_VERIFY(!element->stillFocused());
+        QVERIFY(!element->askStillFocused()());
+    }
+
     // Only the password field is secure, and pasting into it is refused and leaves it empty.
     void focusedFieldRoles_data() {
         QTest::addColumn<QString>("field");
