@@ -14,8 +14,10 @@
 #include <QRegularExpression>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -77,23 +79,25 @@ void Store::append(const Utterance &utterance) {
         m_queue.async([this, line = std::move(*line)] { appendLine(line); });
 }
 
-void Store::keepDelivered(Utterance utterance, RecordingWriter writeRecording, bool appendEntry) {
-    m_queue.async(
-        [this, utterance = std::move(utterance), writeRecording = std::move(writeRecording), appendEntry]() mutable {
-            utterance.audioFile.reset();
-            if (writeRecording) {
-                const QString path = audioURL(utterance.id);
-                if (writeRecording(path)) {
-                    Paths::protectFile(path);
-                    pruneAudio();
-                    utterance.audioFile = audioFileName(utterance.id);
-                }
+void Store::keepDelivered(Utterance utterance, RecordingWriter writeRecording, bool appendEntry, qint64 afterMs) {
+    const auto due = std::chrono::steady_clock::now() + std::chrono::milliseconds(afterMs);
+    m_queue.async([this, utterance = std::move(utterance), writeRecording = std::move(writeRecording), appendEntry,
+                   due]() mutable {
+        std::this_thread::sleep_until(due);
+        utterance.audioFile.reset();
+        if (writeRecording) {
+            const QString path = audioURL(utterance.id);
+            if (writeRecording(path)) {
+                Paths::protectFile(path);
+                pruneAudio();
+                utterance.audioFile = audioFileName(utterance.id);
             }
-            if (!appendEntry)
-                return;
-            if (const std::optional<QByteArray> line = entryLine(utterance))
-                appendLine(*line);
-        });
+        }
+        if (!appendEntry)
+            return;
+        if (const std::optional<QByteArray> line = entryLine(utterance))
+            appendLine(*line);
+    });
 }
 
 void Store::loadIndex() const {

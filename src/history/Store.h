@@ -35,8 +35,9 @@ public:
     using RecordingWriter = std::function<bool(const QString &path)>;
     // A delivered utterance: its recording (when there is a writer) and then its entry (when
     // `appendEntry`), both on the queue and in that order, so the caller never waits on the disk and
-    // the entry names the recording only when it was written.
-    void keepDelivered(Utterance utterance, RecordingWriter writeRecording, bool appendEntry);
+    // the entry names the recording only when it was written. Nothing is written before `afterMs`
+    // have passed (what is queued behind waits too, so the order holds).
+    void keepDelivered(Utterance utterance, RecordingWriter writeRecording, bool appendEntry, qint64 afterMs = 0);
     // The delivered texts of the newest entries, at most `limit`, oldest first. Waits for queued appends.
     QStringList recentTranscripts(int limit) const;
     // The newest entries, at most `limit`, newest first. Waits for queued appends.

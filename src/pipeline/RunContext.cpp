@@ -97,8 +97,10 @@ Utterance RunServices::keep(const RunContext &run, const QString &raw, const QSt
         // The name it gets once written; the stored entry names it only if it was.
         utterance.audioFile = Store::audioFileName(run.utteranceID);
     }
+    // Written once the destination has read what was pasted: the processor and the disk are its
+    // until then.
     if (config.retainAudio || config.retainHistory)
-        store.keepDelivered(utterance, std::move(writeRecording), config.retainHistory);
+        store.keepDelivered(utterance, std::move(writeRecording), config.retainHistory, keepAfterPasteMs);
     return utterance;
 }
 

@@ -86,6 +86,10 @@ using RunEnd = std::optional<RunOutcome>;
 // What a run may use of the pipeline that started it. The references stay live (a reload shows),
 // so a run touches them only after `abandoned()` said no, after every wait.
 struct RunServices {
+    // A destination reads the pasted text within milliseconds; what we write to disk about it waits
+    // that long.
+    static constexpr qint64 keepAfterPasteMs = 50;
+
     const Config &config;
     const PlatformKit &platform;
     Scheduler &scheduler;

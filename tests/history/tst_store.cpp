@@ -301,6 +301,21 @@ private slots:
             QCOMPARE(mode(store.audioURL("rec-1")), 0x6000);
     }
 
+    // Kept later, as after a paste: nothing is on disk meanwhile, and a deletion asked for meanwhile
+    // still finds and removes it.
+    void keptLaterStaysInOrder() {
+        Store store(root());
+        store.keepDelivered(makeUtterance("late", "kept later"), {}, true, 300);
+        QTest::qWait(100);
+        QVERIFY(!QFile::exists(history()));
+        QObject context;
+        std::optional<std::optional<QString>> outcome;
+        store.deleteRetainedData(&context, [&](std::optional<QString> error) { outcome = error; });
+        QTRY_VERIFY(outcome.has_value());
+        QCOMPARE(*outcome, std::nullopt);
+        QVERIFY(store.recentTranscripts(5).isEmpty());
+    }
+
     void audioNamesStayInTheFolder() {
         Store store(root());
         QCOMPARE(store.audioURL("../../evil"), store.audioDirectory() + "/______evil.wav");
