@@ -26,10 +26,13 @@ std::shared_ptr<HotkeyBackend> HotkeyFanOut::tap() {
 }
 
 bool HotkeyFanOut::start(const Tap *tap, HotkeyBackend::Events events) {
-    std::lock_guard lock(m_lock);
-    m_listeners[tap] = std::move(events);
-    if (m_running)
-        return true;
+    {
+        std::lock_guard lock(m_lock);
+        m_listeners[tap] = std::move(events);
+        if (m_running)
+            return true;
+        m_running = true;
+    }
     // The shared backend holds the fan-out weakly: the taps own it, and it owns the backend.
     const std::weak_ptr<HotkeyFanOut> weak = weak_from_this();
     HotkeyBackend::Events all;
@@ -47,10 +50,13 @@ bool HotkeyFanOut::start(const Tap *tap, HotkeyBackend::Events events) {
                 heard.sourceDisabled();
         }
     };
-    m_running = m_shared->start(std::move(all));
-    if (!m_running)
-        m_listeners.erase(tap);
-    return m_running;
+    // Outside the lock: a backend delivers under a lock of its own, which its start takes too.
+    if (m_shared->start(std::move(all)))
+        return true;
+    std::lock_guard lock(m_lock);
+    m_listeners.erase(tap);
+    m_running = false;
+    return false;
 }
 
 void HotkeyFanOut::stop(const Tap *tap) {

@@ -8,7 +8,8 @@
 
 // One key watcher for all the mode keys: each key event then wakes one thread and reaches one
 // connection, rather than one per mode key, typing and pasting included. Each tap is the backend of
-// one PushToTalkHotkey; the shared backend runs while any tap is started.
+// one PushToTalkHotkey; the shared backend runs while any tap is started. Taps are started and
+// stopped from one thread, as the keys are armed.
 class HotkeyFanOut final : public std::enable_shared_from_this<HotkeyFanOut> {
 public:
     explicit HotkeyFanOut(std::shared_ptr<HotkeyBackend> shared);
