@@ -320,19 +320,15 @@ void X11TextBackend::preparePaste() {
     m_prepared = Prepared{Clock::now(), chordForActiveWindow(), modifierMapping(x)};
 }
 
-std::optional<X11TextBackend::Prepared> X11TextBackend::takePrepared() {
-    std::optional<Prepared> prepared = std::exchange(m_prepared, std::nullopt);
-    if (prepared && Clock::now() - prepared->at > preparedLifetime)
-        prepared.reset();
-    return prepared;
+const std::optional<X11TextBackend::Prepared> &X11TextBackend::freshPrepared() {
+    if (m_prepared && Clock::now() - m_prepared->at > preparedLifetime)
+        m_prepared.reset();
+    return m_prepared;
 }
 
 bool X11TextBackend::writeText(const QString &text) {
-    const std::optional<Prepared> prepared = takePrepared();
+    const std::optional<Prepared> &prepared = freshPrepared();
     m_chordOfWrite = prepared ? prepared->chord : chordForActiveWindow();
-    // The chord's own read of the keyboard still comes from this preparation.
-    if (prepared)
-        m_prepared = prepared;
     QClipboard *clipboard = QGuiApplication::clipboard();
     const bool primaryToo = m_chordOfWrite == PasteChord::shiftInsert && clipboard->supportsSelection();
     // Our claims are told from others' only through XFixes.
@@ -431,7 +427,9 @@ bool X11TextBackend::postPasteChord() {
     if (!isTrusted())
         return false;
     Display *x = m_display;
-    const std::optional<Prepared> prepared = takePrepared();
+    // A preparation serves one chord.
+    freshPrepared();
+    const std::optional<Prepared> prepared = std::exchange(m_prepared, std::nullopt);
     const std::shared_ptr<void> modifiers = prepared ? prepared->modifiers : modifierMapping(x);
     waitForModifiersUp(x, static_cast<const XModifierKeymap *>(modifiers.get()));
 

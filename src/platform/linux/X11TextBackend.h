@@ -82,7 +82,7 @@ private:
     };
     std::optional<Prepared> m_prepared;
     // Only what was read moments ago: a paste follows its preparation at once.
-    std::optional<Prepared> takePrepared();
+    const std::optional<Prepared> &freshPrepared();
     // Never shown: a property change on it hands Qt a fresh server time.
     std::unique_ptr<QWindow> m_timeWindow;
 };
